@@ -1,0 +1,75 @@
+// An operator's console: mode, privilege and the command in progress. Sessions, the startup configuration and commands
+// that programs run each have one. Belongs to the service's thread.
+#pragma once
+
+#include "command.h"
+#include "interpreter.h"
+#include "platform/lsm.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace cli
+{
+
+class Console
+{
+public:
+    Console(Core &core, Level level, Mode mode = Mode::exec);
+    ~Console();
+    Console(const Console &) = delete;
+    Console &operator=(const Console &) = delete;
+
+    /// Runs one line. A line that is not a command is answered through `sink`.
+    ///
+    /// @param indent  columns that stand before the line on the terminal; without: the line is not on one
+    /// @param done    called once: before run() returns, or later when threads carry the command on
+    /// Not to be called while busy().
+    void run(std::string_view line, std::optional<std::size_t> indent, cli_session_t::Sink sink,
+             cli_session_t::Done done);
+    [[nodiscard]] bool busy() const { return command_ != nullptr; }
+
+    [[nodiscard]] std::vector<Choice> help(std::string_view text) const;
+    [[nodiscard]] std::vector<std::string> complete(std::string_view text) const;
+    /// "host>", "host#", "host(config)#", … without a blank.
+    [[nodiscard]] std::string prompt() const;
+
+    // For the service's own commands.
+
+    [[nodiscard]] Mode mode() const { return mode_; }
+    void set_level(Level level) { level_ = level; }
+    /// Leaves interface and range modes too.
+    void enter(Mode mode);
+    void enter_interface(IFINDEX ifindex, std::string name);
+    void enter_range(std::vector<IFINDEX> members);
+    /// The operator is done with the session.
+    void close() { closing_ = true; }
+    [[nodiscard]] bool closing() const { return closing_; }
+    /// Lines of a terminal page; 0 is no paging, -1 the terminal's own.
+    void set_terminal_length(int lines) { terminal_length_ = lines; }
+    [[nodiscard]] int terminal_length() const { return terminal_length_; }
+    /// The line being run, as typed.
+    [[nodiscard]] const std::string &line() const { return line_; }
+
+private:
+    [[nodiscard]] Place place() const;
+    bool present(cli_session_t &command);
+    void call(cli_session_t &command, const Outcome &outcome, const Interpreter &interpreter);
+    void call_for_range(cli_session_t &command, const Interpreter &interpreter);
+
+    Core &core_;
+    Level level_;
+    Mode mode_;
+    IFINDEX ifindex_ = 0;
+    std::string ifname_;
+    std::vector<IFINDEX> members_;
+    bool closing_ = false;
+    int terminal_length_ = -1;
+    std::string line_;
+    std::shared_ptr<cli_session_t> command_;
+};
+
+} // namespace cli

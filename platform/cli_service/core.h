@@ -1,0 +1,126 @@
+// The CLI service's one state: registered trees, readiness, the thread that serves it, the running configuration.
+//
+// cli.h's functions (service.cpp), consoles and their own commands work on it. Members belong to the service's thread
+// unless they say otherwise.
+#pragma once
+
+#include "command.h"
+#include "grammar.h"
+#include "lock/mutex.h"
+#include "matcher.h"
+#include "running_config.h"
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace cli
+{
+
+/// What a daemon that has not called cli_client_ready yet is said to do.
+constexpr std::string_view STARTING =
+    "sflowd is starting: it waits for interface data, access lists or the sampling service";
+
+class Core
+{
+public:
+    /// The process's service.
+    static Core &instance();
+
+    Core();
+    Core(const Core &) = delete;
+    Core &operator=(const Core &) = delete;
+
+    // Trees. Any thread.
+
+    [[nodiscard]] bool add(cli_attach_t attach, const struct_transtion *root, std::string_view name)
+        PLATFORM_EXCLUDES(grammar_lock_);
+    /// The trees as they are now; later additions do not change what is returned.
+    [[nodiscard]] std::shared_ptr<const Grammar> grammar() const PLATFORM_EXCLUDES(grammar_lock_);
+    [[nodiscard]] const InterfaceDirectory &interfaces() const { return interfaces_; }
+
+    // The service's thread.
+
+    /// The calling thread serves `master` from now on; what was posted and has not run yet runs there.
+    void serve(std::string name, kx_thread_master_t *master) PLATFORM_EXCLUDES(post_lock_);
+    [[nodiscard]] bool on_service_thread() const PLATFORM_EXCLUDES(post_lock_);
+    [[nodiscard]] bool serving() const PLATFORM_EXCLUDES(post_lock_);
+    /// Has `run` called on the service's thread, after what was posted before. Any thread.
+    void post(std::function<void()> run) PLATFORM_EXCLUDES(post_lock_);
+
+    // Threads that carry commands on. Any thread.
+
+    void add_carrier(pthread_t tid, std::shared_ptr<cli_session_t> command) PLATFORM_EXCLUDES(carriers_lock_);
+    void remove_carrier(pthread_t tid, const cli_session_t *command) PLATFORM_EXCLUDES(carriers_lock_);
+    /// The command that the calling thread carries on, or nullptr.
+    [[nodiscard]] std::shared_ptr<cli_session_t> carried_here() PLATFORM_EXCLUDES(carriers_lock_);
+
+    // Readiness.
+
+    [[nodiscard]] bool ready() const { return ready_; }
+    /// See cli_client_ready.
+    void set_ready();
+
+    // Configuration.
+
+    /// Collects the running configuration and keeps it.
+    /// @param status_bit  CLI_PARSER_C2P or CLI_PARSER_C2P_REFORM
+    [[nodiscard]] bool collect(int64_t status_bit);
+    /// Collected anew.
+    [[nodiscard]] std::string running_config(bool all);
+    /// Has `run` called on the service's thread when no change of the configuration has been told of for a while, or
+    /// that has been awaited long enough. What a command sets in the sampling service becomes part of the running
+    /// configuration with the service's answer: saved at once, it would be missing.
+    void when_settled(std::function<void()> run);
+    /// How long a change counts as recent. For tests.
+    void set_settle_time(std::chrono::milliseconds time) { settle_time_ = time; }
+
+    /// Writes the running configuration to the startup configuration's file.
+    /// @return why that failed; empty on success
+    [[nodiscard]] std::string save_config();
+    /// Somebody changed the configuration. Any thread.
+    void mark_changed();
+    /// Whether the startup configuration, as it was read or written last, says what the running one says.
+    [[nodiscard]] bool saved();
+
+    [[nodiscard]] const std::string &client_name() const { return client_name_; }
+
+private:
+    static int run_posted(kx_thread_t *thread);
+    static int on_settle_timer(kx_thread_t *thread);
+    [[nodiscard]] std::chrono::milliseconds until_settled() const;
+    bool await_settled() PLATFORM_EXCLUDES(post_lock_);
+    void run_settled();
+    void apply_startup_config();
+
+    InterfaceDirectory interfaces_;
+    std::string client_name_;
+    bool ready_ = false;
+    bool startup_applied_ = false;
+    RunningConfig config_;
+    std::chrono::milliseconds settle_time_{1000};
+    std::atomic<std::chrono::steady_clock::time_point> last_change_{std::chrono::steady_clock::time_point{}};
+    std::chrono::steady_clock::time_point settle_deadline_; ///< valid while somebody waits
+    std::vector<std::function<void()>> awaiting_settled_;
+    std::string saved_config_;         ///< lines of the startup configuration without comments
+    std::atomic<bool> changed_{false}; ///< since the two were last known to be the same
+
+    mutable platform::Mutex grammar_lock_;
+    std::shared_ptr<const Grammar> grammar_ PLATFORM_GUARDED_BY(grammar_lock_);
+
+    mutable platform::Mutex post_lock_;
+    kx_thread_master_t *master_ PLATFORM_GUARDED_BY(post_lock_) = nullptr;
+    pthread_t thread_ PLATFORM_GUARDED_BY(post_lock_){};
+    std::deque<std::function<void()>> posted_ PLATFORM_GUARDED_BY(post_lock_);
+    bool run_armed_ PLATFORM_GUARDED_BY(post_lock_) = false;
+
+    platform::Mutex carriers_lock_;
+    std::map<pthread_t, std::shared_ptr<cli_session_t>> carriers_ PLATFORM_GUARDED_BY(carriers_lock_);
+};
+
+} // namespace cli

@@ -1,0 +1,23 @@
+// The service's own commands: modes, saving, show commands of the platform.
+#pragma once
+
+#include "core.h"
+
+namespace cli
+{
+
+/// Registers them. Calling it again changes nothing.
+void add_own_commands(Core &core);
+
+// In own_show.cpp; handlers of the show trees.
+void show_running_config(struct_command_data_block *record);
+void show_running_config_all(struct_command_data_block *record);
+void show_startup_config(struct_command_data_block *record);
+void show_interfaces(struct_command_data_block *record);
+void show_interfaces_brief(struct_command_data_block *record);
+void show_one_interface(struct_command_data_block *record);
+void show_debugging(struct_command_data_block *record);
+void show_version(struct_command_data_block *record);
+void show_tech_support(struct_command_data_block *record);
+
+} // namespace cli
