@@ -1,0 +1,107 @@
+// sflow-samplingd: the sampling service of the sFlow agent.
+//
+// One process, one thread, one event loop. Everything is owned by run(); what it throws is one line on standard error
+// and status 1. SIGTERM and SIGINT end it with status 0 after every hook has been removed.
+#include "bpf_backend.h"
+#include "event_loop.h"
+#include "kernel_counters.h"
+#include "links.h"
+#include "log.h"
+#include "options.h"
+#include "replay_backend.h"
+#include "service.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <system_error>
+
+namespace
+{
+
+using namespace sampling;
+
+/// Turns SIGTERM and SIGINT into the end of the event loop.
+class StopSignals
+{
+public:
+    StopSignals(EventLoop &loop, Log &log) : loop_(loop)
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGINT);
+        sigprocmask(SIG_BLOCK, &signals, nullptr);
+        fd_.reset(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+        if (!fd_)
+            throw std::system_error(errno, std::generic_category(), "signals: signalfd");
+        loop_.add(fd_.get(), EPOLLIN, [this, &log](std::uint32_t) {
+            log.info("signal: asked to end, removing all hooks");
+            loop_.stop();
+        });
+    }
+    ~StopSignals() { loop_.remove(fd_.get()); }
+    StopSignals(const StopSignals &) = delete;
+    StopSignals &operator=(const StopSignals &) = delete;
+
+private:
+    EventLoop &loop_;
+    UniqueFd fd_;
+};
+
+std::unique_ptr<Backend> make_backend(const Options &options, EventLoop &loop, Log &log, LinkTable &links,
+                                      SampleSink &sink)
+{
+    if (options.backend == BackendKind::replay)
+        return std::make_unique<ReplayBackend>(loop, log, links, sink, options.replay);
+    return std::make_unique<BpfBackend>(loop, log, links, sink, options.bpf);
+}
+
+void run(const Options &options, Log &log)
+{
+    EventLoop loop;
+    const StopSignals signals(loop, log);
+    LinkTable links(loop, log);
+    KernelCounters counters(log);
+    Service service(loop, log, links, counters, options.socket_path,
+                    [&](SampleSink &sink) { return make_backend(options, loop, log, links, sink); });
+    log.info("sflow-samplingd " SFLOW_VERSION ": backend ",
+             options.backend == BackendKind::replay ? "replay" : "ebpf", ", daemon ", options.socket_path,
+             options.socket_path_assumed ? " (TMPDIR is not set)" : "");
+    service.start();
+    loop.run();
+}
+
+int serve(const Options &options)
+{
+    Log log(options.verbose);
+    try {
+        run(options, log);
+        return EXIT_SUCCESS;
+    } catch (const std::exception &error) {
+        log.error(error.what());
+        return EXIT_FAILURE;
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        const auto parsed = parse_options({argv + 1, argv + argc}, std::getenv("TMPDIR"));
+        if (const auto *early = std::get_if<EarlyExit>(&parsed)) {
+            std::fputs(early->text.c_str(), early->status == 0 ? stdout : stderr);
+            return early->status;
+        }
+        // a log that nobody reads any more must not end the service with its hooks in place
+        std::signal(SIGPIPE, SIG_IGN);
+        return serve(std::get<Options>(parsed));
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "sflow-samplingd: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}

@@ -1,0 +1,194 @@
+#include "options.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <string_view>
+#include <sys/un.h>
+
+namespace sampling
+{
+
+namespace
+{
+
+constexpr std::string_view usage = R"(usage: sflow-samplingd [OPTION]...
+Takes packet samples and interface counters for sflowd.
+
+  --backend ebpf|replay        where packets come from (default: ebpf)
+  --socket PATH                sflowd's domain socket (default: $TMPDIR/sflow/domain_socket)
+  --verbose                    log debug lines too
+  --help                       this text
+  --version                    version of the program
+
+Backend ebpf:
+  --ring-size BYTES            buffer between kernel and service: a power of two, 4096 to
+                               1073741824; may end in K, M or G (default: 16M)
+  --max-samplers N             directions of interfaces that can be sampled at a time,
+                               1 to 65536 (default: 8192)
+
+Backend replay:
+  --replay FILE                capture to play (pcap or pcapng, Ethernet)
+  --replay-interface NAME      interface that receives its packets; may be given several times
+  --replay-egress-interface NAME
+                               interface that sends its packets; may be given several times
+  --replay-speed X             factor on the capture's timing; 0: as fast as possible (default: 1)
+  --replay-loop N              play the file N times; 0: without end (default: 1)
+  --replay-seed N              repeatable sampling
+)";
+
+constexpr std::string_view default_tmpdir = "/run";
+constexpr std::string_view socket_suffix = "/sflow/domain_socket";
+
+template <typename Number>
+bool parse_number(std::string_view text, Number least, Number most, Number &out)
+{
+    Number value = {};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || value < least || value > most)
+        return false;
+    out = value;
+    return true;
+}
+
+bool parse_ring_size(std::string_view text, Options &options)
+{
+    unsigned shift = 0;
+    constexpr std::string_view units = "KMG";
+    if (!text.empty() && units.find(text.back()) != std::string_view::npos) {
+        shift = 10 * static_cast<unsigned>(units.find(text.back()) + 1);
+        text.remove_suffix(1);
+    }
+    std::uint64_t number = 0;
+    if (!parse_number<std::uint64_t>(text, 1, 1U << 30, number))
+        return false;
+    const std::uint64_t bytes = number << shift;
+    if (!std::has_single_bit(bytes) || bytes < 4096 || bytes > 1U << 30)
+        return false;
+    options.bpf.ring_bytes = static_cast<std::uint32_t>(bytes);
+    return true;
+}
+
+bool parse_backend(std::string_view text, Options &options)
+{
+    if (text != "ebpf" && text != "replay")
+        return false;
+    options.backend = text == "replay" ? BackendKind::replay : BackendKind::ebpf;
+    return true;
+}
+
+bool parse_speed(std::string_view text, Options &options)
+{
+    return parse_number(text, 0.0, 1e9, options.replay.speed) && std::isfinite(options.replay.speed);
+}
+
+bool parse_socket(std::string_view text, Options &options)
+{
+    options.socket_path = text;
+    return !text.empty();
+}
+
+struct OptionRow {
+    std::string_view name;
+    bool (*take)(std::string_view value, Options &options);
+};
+
+constexpr OptionRow option_table[] = {
+    {"--backend", parse_backend},
+    {"--socket", parse_socket},
+    {"--ring-size", parse_ring_size},
+    {"--max-samplers",
+     [](std::string_view text, Options &options) {
+         return parse_number<std::uint32_t>(text, 1, 65536, options.bpf.max_samplers);
+     }},
+    {"--replay",
+     [](std::string_view text, Options &options) {
+         options.replay.file = text;
+         return !text.empty();
+     }},
+    {"--replay-interface",
+     [](std::string_view text, Options &options) {
+         options.replay.ingress.emplace_back(text);
+         return !text.empty();
+     }},
+    {"--replay-egress-interface",
+     [](std::string_view text, Options &options) {
+         options.replay.egress.emplace_back(text);
+         return !text.empty();
+     }},
+    {"--replay-speed", parse_speed},
+    {"--replay-loop",
+     [](std::string_view text, Options &options) {
+         return parse_number<std::uint64_t>(text, 0, UINT64_MAX, options.replay.loops);
+     }},
+    {"--replay-seed",
+     [](std::string_view text, Options &options) {
+         std::uint64_t seed = 0;
+         if (!parse_number<std::uint64_t>(text, 0, UINT64_MAX, seed))
+             return false;
+         options.replay.seed = seed;
+         return true;
+     }},
+};
+
+EarlyExit mistake(std::string text)
+{
+    return {.status = 1, .text = "sflow-samplingd: " + std::move(text) + ", see --help\n"};
+}
+
+/// Checks that hold between options, and the socket's path.
+std::variant<Options, EarlyExit> complete(Options options, const char *tmpdir)
+{
+    const bool replay_options =
+        !options.replay.file.empty() || !options.replay.ingress.empty() || !options.replay.egress.empty();
+    if (options.backend == BackendKind::ebpf && replay_options)
+        return mistake("options --replay...: only with --backend replay");
+    if (options.backend == BackendKind::replay && options.replay.file.empty())
+        return mistake("backend replay: no capture: --replay FILE is missing");
+    if (options.backend == BackendKind::replay && options.replay.ingress.empty() &&
+        options.replay.egress.empty())
+        return mistake("backend replay: no interface: --replay-interface NAME is missing");
+    if (options.socket_path.empty()) {
+        options.socket_path_assumed = tmpdir == nullptr || *tmpdir == '\0';
+        options.socket_path = options.socket_path_assumed ? default_tmpdir : std::string_view(tmpdir);
+        options.socket_path += socket_suffix;
+    }
+    if (options.socket_path.size() >= sizeof(sockaddr_un::sun_path))
+        return mistake("socket " + options.socket_path + ": path: longer than " +
+                       std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
+    return options;
+}
+
+} // namespace
+
+std::variant<Options, EarlyExit> parse_options(const std::vector<std::string> &arguments, const char *tmpdir)
+{
+    Options options;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string &argument = arguments[i];
+        if (argument == "--help")
+            return EarlyExit{.status = 0, .text = std::string(usage)};
+        if (argument == "--version")
+            return EarlyExit{.status = 0, .text = "sflow-samplingd " SFLOW_VERSION "\n"};
+        if (argument == "--verbose") {
+            options.verbose = true;
+            continue;
+        }
+        // both "--name value" and "--name=value"
+        const std::size_t equals = argument.find('=');
+        const std::string_view name = std::string_view(argument).substr(0, equals);
+        const auto *const row = std::find_if(std::begin(option_table), std::end(option_table),
+                                             [name](const OptionRow &entry) { return entry.name == name; });
+        if (row == std::end(option_table))
+            return mistake("option " + argument + ": unknown");
+        if (equals == std::string::npos && i + 1 == arguments.size())
+            return mistake("option " + argument + ": its value is missing");
+        const std::string value = equals != std::string::npos ? argument.substr(equals + 1) : arguments[++i];
+        if (!row->take(value, options))
+            return mistake("option " + std::string(name) + ": value \"" + value + "\" is not valid");
+    }
+    return complete(std::move(options), tmpdir);
+}
+
+} // namespace sampling

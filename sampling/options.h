@@ -1,0 +1,36 @@
+// Command line of sflow-samplingd.
+#pragma once
+
+#include "bpf_backend.h"
+#include "replay_backend.h"
+
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace sampling
+{
+
+enum class BackendKind { ebpf, replay };
+
+struct Options {
+    BackendKind backend = BackendKind::ebpf;
+    BpfOptions bpf;
+    ReplayOptions replay;
+    std::string socket_path;          ///< of the daemon
+    bool socket_path_assumed = false; ///< neither --socket nor TMPDIR was given
+    bool verbose = false;
+};
+
+/// Ends the program before it starts: --help and --version (status 0, text for standard output), or a mistake
+/// (status 1, one line for standard error).
+struct EarlyExit {
+    int status = 0;
+    std::string text;
+};
+
+/// @param tmpdir  value of the environment variable TMPDIR, or nullptr
+[[nodiscard]] std::variant<Options, EarlyExit> parse_options(const std::vector<std::string> &arguments,
+                                                             const char *tmpdir);
+
+} // namespace sampling
