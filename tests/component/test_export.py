@@ -1,0 +1,171 @@
+"""What reaches a collector: every field of the datagrams, addresses, sockets, sizes, sequence numbers."""
+import time
+
+import pytest
+
+from harness.addresses import AGENT4, AGENT6, COLLECTOR4, COLLECTOR4_B, COLLECTOR6
+from harness.domain_socket import flow_record
+from harness.wait import wait_for
+
+FRAME = bytes(range(60))
+
+
+def exporting(stage, agent=AGENT4, destination=f"{COLLECTOR4} 6343"):
+    index = stage.export_to_collector(agent, destination)
+    wait_for(lambda: "sflow enable" in stage.sandbox.running_config(), "the settings")
+    return index
+
+
+@pytest.mark.parametrize("agent, agent_words", [(AGENT4, AGENT4), (AGENT6, f"ipv6 {AGENT6}")], ids=["v4", "v6"])
+@pytest.mark.parametrize("collector, words", [(COLLECTOR4, f"{COLLECTOR4} 7000"), (COLLECTOR6, f"ipv6 {COLLECTOR6} 7000")],
+                         ids=["to-v4", "to-v6"])
+def test_every_field_of_a_flow_sample(ready, agent, agent_words, collector, words):
+    index = exporting(ready, agent_words, words)
+    sink = ready.collector(collector, 7000)
+    ready.configure("sflow flow max-header 128")
+    ready.service.send(flow_record(FRAME, index, ingress=index, egress=77, pool=123, drops=9, frame_len=1518, strip_len=4,
+                                   vlans=(10, 1, 20, 2)))
+    flow = sink.wait_flows(1)[0]
+    datagram = sink.datagrams()[0]
+    assert (datagram.agent, datagram.sub_agent, datagram.sequence) == (agent, 0, 1)
+    # The kernel reports its uptime in whole seconds, rounded up.
+    assert -1000 < time.clock_gettime(time.CLOCK_BOOTTIME) * 1000 - datagram.uptime_ms < 5000
+    assert datagram.uptime_ms % 1000 == 0
+    assert (flow.sequence, flow.source_class, flow.source_index) == (1, 0, index)
+    assert (flow.rate, flow.pool, flow.drops) == (8192, 0, 9)
+    assert (flow.input_format, flow.input, flow.output_format, flow.output) == (0, index, 0, 77)
+    assert (flow.src_vlan, flow.src_priority, flow.dest_vlan, flow.dest_priority) == (10, 1, 20, 2)
+    assert (flow.protocol, flow.frame_length, flow.stripped, flow.header) == (1, 1518, 4, FRAME)
+    assert len(sink.raw[0][0]) == (28 if agent == AGENT4 else 40) + 160
+
+
+def test_the_pool_of_an_interface_grows_by_the_global_rate(ready):
+    index = exporting(ready)
+    ready.configure("sflow sampling-rate 5000")
+    sink = ready.collector()
+    ready.service.send(*(flow_record(FRAME, index, pool=10**6) for _ in range(3)))
+    assert [(flow.sequence, flow.pool, flow.rate) for flow in sink.wait_flows(3)] == [
+        (1, 0, 5000), (2, 5000, 5000), (3, 10000, 5000)]
+
+
+def test_a_sample_without_a_source_goes_to_the_first_collector(ready):
+    exporting(ready)
+    sink = ready.collector()
+    ready.service.send(*(flow_record(FRAME, 0, pool=pool) for pool in (100, 200)))
+    assert [(flow.sequence, flow.pool, flow.source_index) for flow in sink.wait_flows(2)] == [(1, 100, 0), (2, 200, 0)]
+
+
+def test_a_sample_of_an_unconfigured_interface_is_counted_as_dropped(ready):
+    exporting(ready)
+    ready.service.send(flow_record(FRAME, ready.ifindex("port2")))
+    wait_for(lambda: "sflow drop flow num:1\n" in ready.cli("show sflow stats").output, "the count")
+
+
+def test_a_header_is_padded_and_the_padded_length_announced(ready):
+    index = exporting(ready)
+    sink = ready.collector()
+    ready.service.send(flow_record(bytes(range(1, 62)), index))     # 61 bytes, max-header 64
+    flow = sink.wait_flows(1)[0]
+    assert len(flow.header) == 64 and flow.header[:61] == bytes(range(1, 62))
+
+
+def test_a_long_header_is_cut_at_the_maximum_rounded_up(ready):
+    index = exporting(ready)
+    ready.configure("sflow flow max-header 61")
+    sink = ready.collector()
+    ready.service.send(flow_record(bytes(range(200)), index))
+    assert sink.wait_flows(1)[0].header == bytes(range(64))
+
+
+def test_datagrams_fill_up_to_the_maximum_and_no_further(ready):
+    index = exporting(ready)
+    # 28 bytes of header and 164 a sample: three fit exactly into 520.
+    ready.configure("sflow collector 1 max-datagram-size 520")
+    sink = ready.collector()
+    for _ in range(7):
+        ready.service.send(flow_record(bytes(64), index))
+    sink.wait_flows(7)
+    sizes = [len(data) for data, _ in sink.raw]
+    assert max(sizes) == 520
+    assert sum(len(datagram.flows) for datagram in sink.datagrams()) == 7
+    assert [datagram.sequence for datagram in sink.datagrams()] == list(range(1, len(sizes) + 1))
+
+
+def test_no_sample_waits_much_longer_than_a_second(ready):
+    index = exporting(ready)
+    sink = ready.collector()
+    ready.service.send(flow_record(FRAME, index))
+    sink.wait_datagrams(1, seconds=5)
+
+
+def test_pending_samples_leave_under_the_old_agent_address(ready):
+    index = exporting(ready)
+    sink = ready.collector()
+    ready.service.send(flow_record(FRAME, index))
+    ready.configure(f"sflow agent address {COLLECTOR4_B}")
+    ready.service.send(flow_record(FRAME, index))
+    sink.wait_flows(2)
+    agents = [datagram.agent for datagram in sink.datagrams()]
+    assert agents == sorted(agents) and agents[-1] == COLLECTOR4_B
+    assert sink.datagrams()[-1].sequence == 1      # a new address starts a new sequence
+
+
+def test_the_configured_source_is_used_and_shown(ready):
+    index = exporting(ready)
+    ready.configure(f"sflow source address {COLLECTOR4_B}")
+    sink = ready.collector()
+    ready.service.send(flow_record(FRAME, index))
+    sink.wait_datagrams(1)
+    assert sink.raw[0][1] == COLLECTOR4_B
+    assert f"Source IP[1]: {COLLECTOR4_B}(used: {COLLECTOR4_B})\n" in ready.cli("show sflow").output
+
+
+def test_a_collectors_own_source_beats_the_global_one(ready):
+    ready.configure(f"sflow source address {COLLECTOR4_B}")
+    index = exporting(ready, destination=f"{COLLECTOR4} 6343 source address {AGENT4}")
+    sink = ready.collector()
+    ready.service.send(flow_record(FRAME, index))
+    sink.wait_datagrams(1)
+    assert sink.raw[0][1] == AGENT4
+
+
+def test_a_source_that_cannot_be_bound_falls_back_to_the_next(ready):
+    ready.configure(f"sflow source address {COLLECTOR4_B}")
+    index = exporting(ready, destination=f"{COLLECTOR4} 6343 source address 203.0.113.77")
+    sink = ready.collector()
+    ready.service.send(flow_record(FRAME, index))
+    sink.wait_datagrams(1)
+    assert sink.raw[0][1] == COLLECTOR4_B
+
+
+def test_an_unreachable_collector_loses_its_samples_but_no_sequence_number(ready):
+    index = exporting(ready, destination="203.0.113.9 6343")
+    ready.service.send(flow_record(FRAME, index))
+    time.sleep(2.2)        # two ticks: the flush fails for want of a route
+    ready.namespace.ip("addr", "add", "203.0.113.9/32", "dev", "lo")
+    sink = ready.collector("203.0.113.9")
+    ready.service.send(flow_record(FRAME, index))
+    datagram = sink.wait_datagrams(1)[0]
+    assert datagram.sequence == 1
+    assert [flow.sequence for flow in datagram.flows] == [2]
+
+
+def test_two_collectors_each_get_what_their_interfaces_send(ready):
+    first = exporting(ready)
+    ready.configure(f"sflow collector 2 destination {COLLECTOR4_B} 6344", "interface port2", "sflow flow collector 2",
+                    "sflow enable")
+    second = ready.ifindex("port2")
+    wait_for(lambda: ready.sandbox.running_config().count("sflow enable") == 2, "the settings")
+    sink, other = ready.collector(), ready.collector(COLLECTOR4_B, 6344)
+    ready.service.send(flow_record(FRAME, first), flow_record(FRAME, second), flow_record(FRAME, second))
+    assert {flow.source_index for flow in sink.wait_flows(1)} == {first}
+    assert {flow.source_index for flow in other.wait_flows(2)} == {second}
+
+
+def test_statistics_count_what_was_exported(ready):
+    index = exporting(ready)
+    sink = ready.collector()
+    ready.service.send(flow_record(FRAME, index))
+    sink.wait_flows(1)
+    wait_for(lambda: "sflow export flow num:1\n" in ready.cli("show sflow stats").output, "the count")
+    assert "sflow export packet num:1\n" in ready.cli("show sflow stats").output

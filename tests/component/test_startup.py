@@ -1,0 +1,121 @@
+"""Start, single instance, readiness, and what sflow-cli says while the daemon cannot be commanded."""
+import os
+import subprocess
+
+from harness.daemon import BIN
+from harness.domain_socket import CAPACITY, CONNECT, ServiceEnd, record
+from harness.wait import wait_for
+
+
+def run_sflowd(environment):
+    return subprocess.run([str(BIN / "sflowd")], env=environment, capture_output=True, text=True, timeout=20)
+
+
+def test_without_tmpdir_the_daemon_ends_and_says_what_to_do(stage, tmp_path):
+    environment = {name: value for name, value in stage.sandbox.environment.items() if name != "TMPDIR"}
+    done = subprocess.run([str(BIN / "sflowd")], env=environment, cwd=tmp_path, capture_output=True, text=True,
+                          timeout=20)
+    assert done.returncode == 255
+    assert "TMPDIR" in done.stderr
+    assert not list(tmp_path.iterdir())
+
+
+def test_a_tmpdir_too_long_for_its_paths_is_refused_before_anything_is_created(stage, tmp_path):
+    deep = tmp_path / ("d" * 94)
+    deep.mkdir()
+    done = run_sflowd({**stage.sandbox.environment, "TMPDIR": str(deep)})
+    assert done.returncode == 255
+    assert not list(deep.iterdir())
+
+
+def test_a_second_daemon_ends_and_leaves_the_first_alone(stage):
+    first = stage.start()
+    done = run_sflowd(stage.sandbox.environment)
+    assert done.returncode == 255
+    assert "running" in done.stderr
+    assert "SFLOW module is running." in stage.sandbox.debug_file()
+    assert first.running()
+
+
+def test_an_unwritable_tmpdir_is_named(stage):
+    done = run_sflowd({**stage.sandbox.environment, "TMPDIR": "/proc/no-such-place"})
+    assert done.returncode == 255
+    assert "/proc/no-such-place" in done.stderr
+
+
+def test_threads_bear_their_names(stage):
+    daemon = stage.ready().daemon
+    comm = subprocess.run(["ps", "-T", "-o", "comm=", "-p", str(child_of(daemon))], capture_output=True, text=True)
+    names = set(comm.stdout.split())
+    assert {"sflow_rdnd", "sflow_timer", "sflow_cli", "sflow_srv_recv", "sflow_srv_send", "sflow_msg_main"} <= names
+
+
+def child_of(process):
+    """ip netns exec replaces itself, so the process is the daemon."""
+    return process.pid
+
+
+def test_sflow_cli_says_that_the_daemon_does_not_run(stage):
+    result = stage.cli("show version")
+    assert result.status == 2
+    assert "sflowd" in result.errors and "not running" in result.errors
+
+
+def test_sflow_cli_says_that_the_daemon_waits_for_the_sampling_service(stage):
+    stage.start()
+    result = stage.cli("show version")
+    assert result.status == 2
+    assert "sampling service" in result.errors
+
+
+def test_the_command_line_stays_closed_until_the_capacity_is_reported(stage):
+    stage.start()
+    service = ServiceEnd(stage.sandbox.domain_socket).connect(handshake=False)
+    service.wait_for(CONNECT)
+    assert stage.cli("show version").status == 2
+    service.send(record(CAPACITY, b"\0\0\0\0"))     # a service that can sample nothing opens nothing
+    assert stage.cli("show version", wait=3).status == 2
+    service.disconnect()
+
+
+def test_wait_returns_as_soon_as_commands_are_accepted(stage):
+    stage.start()
+    waiting = subprocess.Popen([str(BIN / "sflow-cli"), "--wait", "30", "-c", "show sflow status"],
+                               env=stage.sandbox.environment, stdout=subprocess.PIPE, text=True)
+    stage.connect()
+    output, _ = waiting.communicate(timeout=30)
+    assert waiting.returncode == 0
+    assert output == ("sflow lsm data over\nsflow ss connect success\nsflow acl data over\nsflow cli ready\n"
+                      "sflow cannot rdnd\n")
+
+
+def test_without_a_configuration_request_the_command_line_is_not_ready(stage):
+    stage.start()
+    service = ServiceEnd(stage.sandbox.domain_socket).connect(handshake=False)
+    service.wait_for(CONNECT)
+    service.send(record(CAPACITY, b"\xff\x0f\0\0"))
+    result = wait_for(lambda: "starting" in (result := stage.cli("configure terminal")).errors and result,
+                      "the CLI socket")
+    assert result.status == 2
+    assert "sampling service" in result.errors
+    # What is there to see can be seen: it tells which of the three is missing.
+    wait_for(lambda: "sflow lsm data over\nsflow acl data over\n" in stage.cli("show sflow status").output,
+             "the other two")
+    service.disconnect()
+
+
+def test_the_debug_file_tells_the_steps_of_a_start(ready):
+    text = ready.sandbox.debug_file()
+    for line in ("sflow app init success.", "sflow lib server success.", "create cli thread success.",
+                 "create one second thread success.", "create rdnd thread success.", "rdnd RDND_E_STAT_READY",
+                 "rdnd master.", "accept success", "recv request msg", "ss ready", "lsm recv over",
+                 "recv sflow_hd_capacity_msg.", "cli_client_ready"):
+        assert f",{line}\n" in text, f"{line!r} missing in\n{text}"
+    first = text.splitlines()[0]
+    stamp, rest = first[:19], first[20:]
+    assert stamp[4] == stamp[7] == "/" and stamp[13] == stamp[16] == ":" and rest.count(",") >= 2
+
+
+def test_the_cli_socket_is_closed_to_others(ready):
+    path = ready.sandbox.path / "platform/cli_socket"
+    assert os.stat(path).st_mode & 0o007 == 0

@@ -1,0 +1,84 @@
+"""Network namespaces that a test makes and removes again."""
+import ctypes
+import os
+import socket
+import subprocess
+import threading
+import uuid
+
+CLONE_NEWNET = 0x40000000
+
+
+def available():
+    """None when namespaces can be made here, otherwise the reason why not."""
+    if os.geteuid() != 0:
+        return "network namespaces need root"
+    probe = subprocess.run(["unshare", "-n", "true"], capture_output=True, text=True)
+    return None if probe.returncode == 0 else f"no network namespaces: {probe.stderr.strip()}"
+
+
+class Namespace:
+    """One network namespace with its loopback up; `close` removes it with everything in it."""
+
+    def __init__(self, label):
+        self.name = f"sft-{label}-{uuid.uuid4().hex[:6]}"
+        subprocess.run(["ip", "netns", "add", self.name], check=True)
+        self.ip("link", "set", "lo", "up")
+
+    def command(self, *words):
+        """`words` as a command line that runs in this namespace."""
+        return ["ip", "netns", "exec", self.name, *map(str, words)]
+
+    def run(self, *words, check=True, **keywords):
+        keywords.setdefault("capture_output", True)
+        keywords.setdefault("text", True)
+        done = subprocess.run(self.command(*words), **keywords)
+        if check and done.returncode != 0:
+            raise RuntimeError(f"{' '.join(map(str, words))}: status {done.returncode}\n{done.stdout}{done.stderr}")
+        return done
+
+    def ip(self, *words):
+        """Runs ip(8) here; returns its output."""
+        command = ["ip", "-n", self.name, *map(str, words)]
+        done = subprocess.run(command, capture_output=True, text=True)
+        if done.returncode != 0:
+            raise RuntimeError(f"{' '.join(command)}: {done.stderr.strip()}")
+        return done.stdout
+
+    def ifindex(self, name):
+        return int(self.ip("-o", "link", "show", name).split(":")[0])
+
+    def popen(self, *words, **keywords):
+        return subprocess.Popen(self.command(*words), **keywords)
+
+    def socket(self, family, kind, protocol=0):
+        """A socket that lives in this namespace."""
+        made = []
+
+        def make():
+            libc = ctypes.CDLL(None, use_errno=True)
+            with open(f"/run/netns/{self.name}") as handle:
+                if libc.setns(handle.fileno(), CLONE_NEWNET) != 0:
+                    made.append(OSError(ctypes.get_errno(), "setns"))
+                    return
+            try:
+                made.append(socket.socket(family, kind, protocol))
+            except OSError as error:
+                made.append(error)
+
+        maker = threading.Thread(target=make)  # only the thread changes its namespace
+        maker.start()
+        maker.join()
+        if isinstance(made[0], OSError):
+            raise made[0]
+        return made[0]
+
+    def add_veth(self, name, peer_name, peer=None):
+        """A veth pair from here to `peer` (this namespace when None), both ends up."""
+        peer = peer or self
+        self.ip("link", "add", name, "type", "veth", "peer", "name", peer_name, "netns", peer.name)
+        self.ip("link", "set", name, "up")
+        peer.ip("link", "set", peer_name, "up")
+
+    def close(self):
+        subprocess.run(["ip", "netns", "del", self.name], capture_output=True)

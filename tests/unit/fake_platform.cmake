@@ -1,0 +1,1 @@
+sflow_unit_test(fake_platform_test SOURCES fake_platform_test.cpp LIBS fake_platform)

@@ -1,0 +1,170 @@
+// What the tests of the sampling service put in the place of the kernel and of the daemon.
+#pragma once
+
+#include "backend.h"
+#include "event_loop.h"
+#include "kernel_counters.h"
+#include "log.h"
+#include "records.h"
+#include "unique_fd.h"
+
+#include <algorithm>
+#include <array>
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+#include <sys/socket.h>
+#include <vector>
+
+namespace sampling
+{
+
+/// Keeps log lines.
+struct LogLines {
+    std::vector<std::string> lines;
+    Log log{true, [this](LogLevel, std::string_view line) { lines.emplace_back(line); }};
+
+    [[nodiscard]] std::size_t containing(std::string_view text) const
+    {
+        return static_cast<std::size_t>(
+            std::count_if(lines.begin(), lines.end(),
+                          [text](const std::string &line) { return line.find(text) != std::string::npos; }));
+    }
+};
+
+/// Records what it is asked, refuses on demand.
+class FakeBackend final : public Backend
+{
+public:
+    [[nodiscard]] std::string_view name() const override { return "fake"; }
+    [[nodiscard]] std::uint32_t capacity() const override { return 0x2A; }
+    [[nodiscard]] Answer start(SamplerKey key, SamplerSettings settings) override
+    {
+        const auto refusal = refusals.find(key);
+        calls.push_back("start " + text(key) + " " + std::to_string(settings.rate) + "/" +
+                        std::to_string(settings.header_len));
+        return refusal == refusals.end() ? Answer::ok : refusal->second;
+    }
+    void pause(SamplerKey key) override { calls.push_back("pause " + text(key)); }
+    void remove(SamplerKey key) override { calls.push_back("remove " + text(key)); }
+    void forget_interface(IFINDEX ifindex) override { calls.push_back("forget " + std::to_string(ifindex)); }
+    void resume() override { ++resumed; }
+    [[nodiscard]] SamplerTotals totals(SamplerKey) const override
+    {
+        return {.pool = 1000, .taken = 100, .dropped = 7};
+    }
+
+    /// The calls since the last time, one a line.
+    std::vector<std::string> take_calls() { return std::exchange(calls, {}); }
+
+    std::vector<std::string> calls;
+    std::map<SamplerKey, Answer> refusals;
+    int resumed = 0;
+
+private:
+    static std::string text(SamplerKey key)
+    {
+        return std::to_string(key.ifindex) + " " + std::string(hook_name(key.hook));
+    }
+};
+
+/// Counters of invented interfaces.
+class FakeCounters final : public CounterSource
+{
+public:
+    [[nodiscard]] std::optional<rtnl_link_stats64> read_link(IFINDEX ifindex) override
+    {
+        ++single_reads;
+        const auto found = links.find(ifindex);
+        return found == links.end() ? std::nullopt : std::optional(found->second);
+    }
+    [[nodiscard]] LinkStats read_all_links() override
+    {
+        ++bulk_reads;
+        return links;
+    }
+    [[nodiscard]] MacCounters read_mac(IFINDEX) override { return mac; }
+
+    LinkStats links;
+    MacCounters mac;
+    int single_reads = 0;
+    int bulk_reads = 0;
+};
+
+/// A connected pair of the sockets that the daemon and the service use.
+struct SocketPair {
+    UniqueFd service;
+    UniqueFd daemon;
+
+    SocketPair()
+    {
+        std::array<int, 2> fds = {-1, -1};
+        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds.data()) == 0) {
+            service.reset(fds[0]);
+            daemon.reset(fds[1]);
+        }
+    }
+
+    /// Sends one packet as the daemon.
+    void send(Bytes packet) const
+    {
+        ASSERT_EQ(::send(daemon.get(), packet.data(), packet.size(), 0), static_cast<ssize_t>(packet.size()));
+    }
+
+    /// The next packet that the daemon would receive; empty when there is none.
+    [[nodiscard]] std::vector<std::byte> receive() const
+    {
+        std::vector<std::byte> packet(4096);
+        const ssize_t size = ::recv(daemon.get(), packet.data(), packet.size(), 0);
+        packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+        return packet;
+    }
+};
+
+/// All records that wait at the daemon's end.
+struct ReceivedRecord {
+    std::uint32_t type = 0;
+    std::vector<std::byte> bytes;
+
+    template <typename Record>
+    [[nodiscard]] Record as() const
+    {
+        const auto record = decode<Record>(bytes);
+        EXPECT_TRUE(record.has_value()) << "record of type " << type << " has " << bytes.size() << " bytes";
+        return record.value_or(Record{});
+    }
+};
+
+inline std::vector<ReceivedRecord> receive_all(const SocketPair &pair)
+{
+    std::vector<ReceivedRecord> records;
+    for (std::vector<std::byte> packet = pair.receive(); !packet.empty(); packet = pair.receive()) {
+        EXPECT_LE(packet.size(), static_cast<std::size_t>(SFLOW_MSG_MAX_LEN));
+        Bytes rest(packet);
+        while (const auto record = next_record(rest))
+            records.push_back({.type = record->type, .bytes = {record->bytes.begin(), record->bytes.end()}});
+        EXPECT_TRUE(rest.empty());
+    }
+    return records;
+}
+
+/// Serves what is ready until nothing is left to do at once.
+inline void settle(EventLoop &loop)
+{
+    for (int round = 0; round < 64; ++round)
+        loop.run_once(Clock::duration::zero());
+}
+
+inline sflow_spl_t setting(IFINDEX ifx, std::int32_t rate, std::int32_t direct, std::int32_t snoop = 0)
+{
+    sflow_spl_t request = {};
+    request.head = head_of<sflow_spl_t>(SFLOW_CMD_SET_SAMPLING_RATE);
+    request.ifx = ifx;
+    request.rate = rate;
+    request.direct = direct;
+    request.ifx_type = SFLOW_IFX_TYPE_PORT;
+    request.snoop = snoop;
+    return request;
+}
+
+} // namespace sampling

@@ -1,0 +1,370 @@
+#include "service.h"
+
+#include "sampling_fakes.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace sampling
+{
+namespace
+{
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr IFINDEX loopback = 1; // the first interface of every namespace
+constexpr IFINDEX nobody = 0x7FFFFFF0;
+
+struct Rig {
+    EventLoop loop;
+    LogLines log;
+    LinkTable links{loop, log.log};
+    FakeCounters counters;
+    FakeBackend *backend = nullptr;
+    SocketPair pair;
+    Service service{loop, log.log, links, counters, "/nonexistent/socket", [this](SampleSink &) {
+                        auto made = std::make_unique<FakeBackend>();
+                        backend = made.get();
+                        return made;
+                    }};
+
+    Rig() { service.adopt(std::move(pair.service)); }
+
+    template <typename Record>
+    void send(const Record &record)
+    {
+        pair.send(bytes_of(record));
+        settle(loop);
+    }
+
+    void send_head(std::uint32_t type) { send(head_of<sflow_msg_head_t>(type)); }
+
+    std::vector<ReceivedRecord> received() const { return receive_all(pair); }
+
+    std::int32_t set(const sflow_spl_t &request)
+    {
+        send(request);
+        const auto records = received();
+        EXPECT_EQ(records.size(), 1U);
+        return records.empty() ? -1 : records[0].as<sflow_spl_ret_t>().ret;
+    }
+
+    void ask_counters(IFINDEX ifx)
+    {
+        send(sflow_counter_t{.head = head_of<sflow_counter_t>(257), .ifx = ifx, .ifx_type = 1});
+    }
+
+    void debug(std::int32_t type, std::int32_t flag)
+    {
+        send(sflow_debug_t{.head = head_of<sflow_debug_t>(8193), .type = type, .flag = flag});
+    }
+};
+
+TEST(Service_connect_notice, is_answered_with_the_request_and_then_the_capacity)
+{
+    Rig rig;
+    rig.send_head(4100);
+    const auto records = rig.received();
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].type, 4099U);
+    EXPECT_EQ(records[0].bytes.size(), 8U);
+    EXPECT_EQ(records[1].type, 1281U);
+    EXPECT_EQ(records[1].as<sflow_hardware_capacity_t>().sflow_intf_support, 0x2AU);
+}
+
+TEST(Service_set_sampling, every_request_gets_one_answer_in_order)
+{
+    Rig rig;
+    std::vector<std::byte> packet;
+    for (std::int32_t rate = 1; rate <= 7; ++rate) {
+        const sflow_spl_t request = setting(loopback, rate, rate % 2 == 0 ? SFLOW_EGRESS : SFLOW_INGRESS);
+        const Bytes bytes = bytes_of(request);
+        packet.insert(packet.end(), bytes.begin(), bytes.end());
+    }
+    rig.pair.send(packet);
+    settle(rig.loop);
+    const auto records = rig.received();
+    ASSERT_EQ(records.size(), 7U);
+    for (std::int32_t rate = 1; rate <= 7; ++rate) {
+        const auto answer = records[static_cast<std::size_t>(rate - 1)].as<sflow_spl_ret_t>();
+        EXPECT_EQ(answer.rate, rate);
+        EXPECT_EQ(answer.ret, 0);
+    }
+}
+
+TEST(Service_set_sampling, refusals_carry_their_code_and_are_logged)
+{
+    Rig rig;
+    rig.backend->refusals[{.ifindex = nobody, .hook = Hook::ingress}] = Answer::no_interface;
+    EXPECT_EQ(rig.set(setting(nobody, 16, SFLOW_INGRESS)), -20);
+    EXPECT_EQ(rig.log.containing("no such interface"), 1U);
+    sflow_spl_t with_acl = setting(loopback, 16, SFLOW_INGRESS);
+    with_acl.acl_id = 2;
+    EXPECT_EQ(rig.set(with_acl), -21);
+    EXPECT_EQ(rig.log.containing("access list is not supported"), 1U);
+    EXPECT_EQ(rig.set(setting(loopback, 16, 3)), -23);
+    EXPECT_EQ(rig.log.containing("makes no sense"), 1U);
+}
+
+TEST(Service_attach_collector, is_answered_with_517)
+{
+    Rig rig;
+    struct Row {
+        IFINDEX ifx;
+        std::int32_t flag, cid, ret;
+    };
+    for (const Row &row :
+         {Row{loopback, 1, 2, 0}, Row{loopback, 2, 1, 0}, Row{loopback, 3, 1, -23}, Row{nobody, 1, 1, -20}}) {
+        rig.send(sflow_ifx_is_conf_t{
+            .head = head_of<sflow_ifx_is_conf_t>(261), .ifx = row.ifx, .flag = row.flag, .cid = row.cid});
+        const auto records = rig.received();
+        ASSERT_EQ(records.size(), 1U);
+        EXPECT_EQ(records[0].type, 517U);
+        const auto answer = records[0].as<sflow_ifx_is_conf_ret_t>();
+        EXPECT_EQ(answer.ifx, row.ifx);
+        EXPECT_EQ(answer.flag, row.flag);
+        EXPECT_EQ(answer.cid, row.cid);
+        EXPECT_EQ(answer.ret, row.ret);
+    }
+}
+
+TEST(Service_config_start, drops_the_settings_of_before)
+{
+    Rig rig;
+    ASSERT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS)), 0);
+    rig.backend->take_calls();
+    rig.send_head(4097);
+    EXPECT_THAT(rig.backend->take_calls(), ElementsAre("pause 1 ingress"));
+    rig.send_head(4098);
+    EXPECT_EQ(rig.log.containing("configuration complete"), 1U);
+}
+
+TEST(Service_connect_notice, settings_left_over_from_an_earlier_connection_do_no_harm)
+{
+    Rig rig;
+    rig.send(setting(loopback, 16, SFLOW_INGRESS)); // before the connect notice
+    rig.send_head(4100);
+    rig.send_head(4097);
+    rig.send_head(4098);
+    std::vector<std::uint32_t> types;
+    for (const auto &record : rig.received())
+        types.push_back(record.type);
+    EXPECT_THAT(types, ElementsAre(514, 4099, 1281));
+    ASSERT_EQ(rig.service.samplers().rows().size(), 1U);
+    EXPECT_FALSE(rig.service.samplers().rows()[0].on);
+}
+
+TEST(Service_header_len, reaches_the_samplers_and_is_clamped_with_a_warning)
+{
+    Rig rig;
+    ASSERT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS)), 0);
+    rig.backend->take_calls();
+    rig.send(sflow_sample_header_len_t{.head = head_of<sflow_sample_header_len_t>(262), .header_len = 128});
+    EXPECT_THAT(rig.backend->take_calls(), ElementsAre("start 1 ingress 16/128"));
+    rig.send(sflow_sample_header_len_t{.head = head_of<sflow_sample_header_len_t>(262), .header_len = 1000});
+    EXPECT_THAT(rig.backend->take_calls(), ElementsAre("start 1 ingress 16/256"));
+    EXPECT_EQ(rig.log.containing("out of range"), 1U);
+    EXPECT_THAT(rig.received(), IsEmpty());
+}
+
+TEST(Service_get_counter, is_answered_with_the_interfaces_counters)
+{
+    Rig rig;
+    rig.counters.links[loopback].rx_bytes = 0x1'2345'6789;
+    rig.ask_counters(loopback);
+    const auto records = rig.received();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].type, 513U);
+    const auto report = records[0].as<sflow_counter_ret_t>();
+    EXPECT_EQ(report.ifx, loopback);
+    EXPECT_EQ(report.ifx_type, 1);
+    EXPECT_EQ(report.generic.ifIndex, loopback);
+    EXPECT_EQ(report.generic.ifInOctets, 0x1'2345'6789U);
+}
+
+TEST(Service_get_counter, an_unknown_interface_gets_no_answer)
+{
+    Rig rig;
+    rig.ask_counters(nobody);
+    EXPECT_THAT(rig.received(), IsEmpty());
+}
+
+TEST(Service_get_counter, a_burst_is_served_from_one_read_and_in_order)
+{
+    Rig rig;
+    constexpr IFINDEX burst = 1000;
+    std::vector<std::byte> packet;
+    for (IFINDEX ifx = 1; ifx <= burst; ++ifx) {
+        rig.counters.links[ifx].tx_bytes = ifx;
+        const sflow_counter_t request = {.head = head_of<sflow_counter_t>(257), .ifx = ifx, .ifx_type = 1};
+        const Bytes bytes = bytes_of(request);
+        packet.insert(packet.end(), bytes.begin(), bytes.end());
+        if (packet.size() > 900) {
+            rig.pair.send(packet);
+            packet.clear();
+        }
+    }
+    rig.pair.send(packet);
+    std::vector<ReceivedRecord> records;
+    for (int i = 0; i < 20; ++i) {
+        settle(rig.loop);
+        for (auto &record : rig.received())
+            records.push_back(std::move(record));
+    }
+    ASSERT_EQ(records.size(), burst);
+    for (IFINDEX ifx = 1; ifx <= burst; ++ifx)
+        ASSERT_EQ(records[ifx - 1].as<sflow_counter_ret_t>().generic.ifOutOctets, ifx);
+    EXPECT_EQ(rig.counters.single_reads, 0);
+    EXPECT_LE(rig.counters.bulk_reads, 3);
+}
+
+TEST(Service_get_counter, a_burst_is_answered_in_slices_so_that_samples_pass_between)
+{
+    Rig rig;
+    for (IFINDEX ifx = 1; ifx <= 62; ++ifx)
+        rig.counters.links[ifx] = {};
+    std::vector<std::byte> packet;
+    for (IFINDEX ifx = 1; ifx <= 62; ++ifx) {
+        const sflow_counter_t request = {.head = head_of<sflow_counter_t>(257), .ifx = ifx, .ifx_type = 1};
+        const Bytes bytes = bytes_of(request);
+        packet.insert(packet.end(), bytes.begin(), bytes.end());
+    }
+    rig.pair.send(packet);
+    rig.loop.run_once(Clock::duration::zero()); // reads, and answers one slice
+    rig.loop.run_once(Clock::duration::zero()); // sends it, and answers the next
+    EXPECT_EQ(rig.received().size(), CounterServer::slice);
+}
+
+TEST(Service_get_counter, restarted_counters_send_the_lost_part_ahead_of_the_answer)
+{
+    Rig rig;
+    rig.counters.links[loopback].rx_bytes = 5000;
+    rig.counters.links[loopback].rx_packets = 50;
+    rig.ask_counters(loopback);
+    ASSERT_EQ(rig.received().size(), 1U);
+    rig.counters.links[loopback] = {};
+    rig.counters.links[loopback].rx_bytes = 100;
+    rig.ask_counters(loopback);
+    const auto records = rig.received();
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].type, 516U);
+    const auto update = records[0].as<sflow_counter_ret_t>();
+    EXPECT_EQ(update.generic.ifIndex, loopback);
+    EXPECT_EQ(update.generic.ifInOctets, 5000U);
+    EXPECT_EQ(update.generic.ifInUcastPkts, 50U);
+    EXPECT_EQ(records[1].type, 513U);
+    EXPECT_EQ(records[1].as<sflow_counter_ret_t>().generic.ifInOctets, 100U);
+}
+
+TEST(Service_records, unknown_types_and_wrong_lengths_are_logged_once_and_skipped)
+{
+    Rig rig;
+    for (int i = 0; i < 3; ++i) {
+        rig.send_head(999);
+        rig.send_head(258); // far too short for a setting
+        std::vector<std::byte> longer(133);
+        const sflow_msg_head_t head = {.type = 258, .len = 133};
+        std::memcpy(longer.data(), &head, sizeof(head));
+        rig.pair.send(longer);
+        settle(rig.loop);
+    }
+    rig.send_head(514); // a type of our own direction
+    EXPECT_EQ(rig.log.containing("record of type 999"), 1U);
+    EXPECT_EQ(rig.log.containing("record of type 258"), 1U);
+    EXPECT_EQ(rig.log.containing("record of type 514"), 1U);
+    EXPECT_THAT(rig.received(), IsEmpty());
+    EXPECT_THAT(rig.backend->calls, IsEmpty());
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS)), 0); // still serving
+}
+
+TEST(Service_disconnect, removes_every_sampler_at_once)
+{
+    Rig rig;
+    ASSERT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS)), 0);
+    ASSERT_EQ(rig.set(setting(loopback, 16, SFLOW_EGRESS)), 0);
+    rig.backend->take_calls();
+    rig.pair.daemon.reset();
+    settle(rig.loop);
+    EXPECT_THAT(rig.backend->calls, ElementsAre("remove 1 ingress", "remove 1 egress"));
+    EXPECT_THAT(rig.service.samplers().rows(), IsEmpty());
+    EXPECT_EQ(rig.backend->resumed, 1);
+}
+
+TEST(Service_take, samples_go_out_when_the_backend_is_drained)
+{
+    Rig rig;
+    const std::array<std::uint8_t, 60> frame = {};
+    Sample sample;
+    sample.sampler = {.ifindex = loopback, .hook = Hook::ingress};
+    sample.input = loopback;
+    sample.frame_len = 60;
+    sample.header_len = 64;
+    sample.header = frame;
+    EXPECT_TRUE(rig.service.take(sample));
+    EXPECT_THAT(rig.received(), IsEmpty());
+    rig.service.drained();
+    const auto records = rig.received();
+    ASSERT_EQ(records.size(), 1U);
+    const auto flow = records[0].as<sflow_flow_spl_t>();
+    EXPECT_EQ(flow.info.source_id, loopback);
+    EXPECT_EQ(flow.buf_len, 60);
+}
+
+TEST(Service_take, without_a_daemon_samples_are_swallowed)
+{
+    Rig rig;
+    rig.pair.daemon.reset();
+    settle(rig.loop);
+    const std::array<std::uint8_t, 60> frame = {};
+    Sample sample;
+    sample.header = frame;
+    for (int i = 0; i < 10; ++i)
+        EXPECT_TRUE(rig.service.take(sample));
+    rig.service.drained();
+}
+
+TEST(Service_debug, shows_the_commands)
+{
+    Rig rig;
+    rig.debug(SFLOW_DEBUG_SHOW_CMD, 0);
+    for (const char *line :
+         {"command 257: get counter, 16 bytes", "command 258: set sampling rate, 132 bytes",
+          "command 261: attach collector, 20 bytes", "command 262: sample header length, 12 bytes",
+          "command 4097: configuration start, 8 bytes", "command 4098: configuration end, 8 bytes",
+          "command 4100: connect notice, 8 bytes", "command 8193: debug, 16 bytes"})
+        EXPECT_EQ(rig.log.containing(line), 1U) << line;
+}
+
+TEST(Service_debug, shows_samplers_with_their_totals)
+{
+    Rig rig;
+    ASSERT_EQ(rig.set(setting(loopback, 4096, SFLOW_EGRESS)), 0);
+    rig.debug(SFLOW_DEBUG_SHOW_INFO, 0);
+    EXPECT_EQ(
+        rig.log.containing("sampler lo egress: on, rate 4096, header 64, pool 1000, taken 100, dropped 7"),
+        1U);
+}
+
+TEST(Service_debug, trace_shows_records_in_both_directions_until_it_is_switched_off)
+{
+    Rig rig;
+    rig.debug(SFLOW_DEBUG_SWITCH, 1);
+    rig.send_head(4100);
+    EXPECT_EQ(rig.log.containing("trace: received connect notice (4100), 8 bytes"), 1U);
+    EXPECT_EQ(rig.log.containing("trace: sent configuration request (4099), 8 bytes"), 1U);
+    EXPECT_EQ(rig.log.containing("trace: sent capacity (1281), 12 bytes"), 1U);
+    rig.debug(SFLOW_DEBUG_SWITCH, 0);
+    rig.send_head(4100);
+    EXPECT_EQ(rig.log.containing("trace: received connect notice"), 1U);
+}
+
+TEST(Service_debug, an_unknown_request_is_logged)
+{
+    Rig rig;
+    rig.debug(4, 0);
+    EXPECT_EQ(rig.log.containing("debug request 4: unknown"), 1U);
+}
+
+} // namespace
+} // namespace sampling
