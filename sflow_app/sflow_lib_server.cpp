@@ -173,9 +173,8 @@ int sflow_lib_server_cb_init() SFLOW_NO_THREAD_SAFETY_ANALYSIS
     return 0;
 }
 
-void sflow_lib_server_free_first_msg() SFLOW_REQUIRES(sflow_lib_server_cb.send_lock)
+void sflow_lib_server_free_msg(sflow_lib_msg_t *node) SFLOW_REQUIRES(sflow_lib_server_cb.send_lock)
 {
-    auto *node = sflow_list_entry<sflow_lib_msg_t>(sflow_lib_server_cb.send_list.next);
     sflow_list_remove(&node->list);
     --sflow_lib_server_cb.send_len;
     std::free(node);
@@ -198,8 +197,11 @@ void sflow_lib_server_close_client()
 void sflow_lib_server_cb_clear()
 {
     const bool held = sflow_lib_send_lock();
-    while (!sflow_list_empty(&sflow_lib_server_cb.send_list))
-        sflow_lib_server_free_first_msg();
+    for (sflow_list_t *link = sflow_lib_server_cb.send_list.next; link != &sflow_lib_server_cb.send_list;) {
+        auto *node = sflow_list_entry<sflow_lib_msg_t>(link);
+        link = link->next;
+        sflow_lib_server_free_msg(node);
+    }
     sflow_lib_send_unlock(held);
     sflow_lib_server_cmd_clear();
     sflow_lib_server_close_client();
@@ -330,26 +332,34 @@ u_int32_t sflow_lib_server_msg_len(const sflow_lib_msg_t *node)
     return head.len < sizeof(node->msg) ? head.len : static_cast<u_int32_t>(sizeof(node->msg));
 }
 
+/// Writes one message to the connection, without waiting; false when it was not taken as a whole.
+bool sflow_lib_server_send_one(const sflow_lib_msg_t *node)
+{
+    const u_int32_t len = sflow_lib_server_msg_len(node);
+    if (sflow_load(sflow_lib_debug_switch) == 1) {
+        printk_syslog_ext(7, "UNKNOW_MODULE", "DEBUG", 2, "[sflow server send message]:%d\n",
+                          static_cast<int>(len));
+        sflow_dump_data(node->msg, static_cast<int>(len));
+    }
+    const ssize_t sent =
+        send(sflow_load(sflow_lib_server_cb.client_sd), node->msg, len, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent == static_cast<ssize_t>(len))
+        return true;
+    sflow_lib_log("send fail");
+    sflow_count(sflow_lib_server_cb.send_error_num);
+    return false;
+}
+
 /// Sends from the front of the queue; false when the socket did not take a message, which stays there with all
 /// behind it.
 bool sflow_lib_server_send_queued() SFLOW_REQUIRES(sflow_lib_server_cb.send_lock)
 {
-    while (!sflow_list_empty(&sflow_lib_server_cb.send_list)) {
-        const auto *node = sflow_list_entry<sflow_lib_msg_t>(sflow_lib_server_cb.send_list.next);
-        const u_int32_t len = sflow_lib_server_msg_len(node);
-        if (sflow_load(sflow_lib_debug_switch) == 1) {
-            printk_syslog_ext(7, "UNKNOW_MODULE", "DEBUG", 2, "[sflow server send message]:%d\n",
-                              static_cast<int>(len));
-            sflow_dump_data(node->msg, static_cast<int>(len));
-        }
-        const ssize_t sent =
-            send(sflow_load(sflow_lib_server_cb.client_sd), node->msg, len, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent != static_cast<ssize_t>(len)) {
-            sflow_lib_log("send fail");
-            sflow_count(sflow_lib_server_cb.send_error_num);
+    for (sflow_list_t *link = sflow_lib_server_cb.send_list.next; link != &sflow_lib_server_cb.send_list;) {
+        auto *node = sflow_list_entry<sflow_lib_msg_t>(link);
+        link = link->next;
+        if (!sflow_lib_server_send_one(node))
             return false;
-        }
-        sflow_lib_server_free_first_msg();
+        sflow_lib_server_free_msg(node);
     }
     return true;
 }
@@ -370,17 +380,15 @@ void sflow_lib_server_retry_pause()
     poll(&connection, 1, SFLOW_LIB_RETRY_MS);
 }
 
-/// One round: waits for messages, then sends what is queued. False when a message has to be tried again.
+/// One round: waits for messages, then sends what is queued. False when it has to be tried again soon: a message is
+/// left, or nothing could be waited for because the lock was not to be had.
 bool sflow_lib_server_send_round()
 {
     const bool held = sflow_lib_send_lock();
-    bool done = true;
-    if (!sflow_list_empty(&sflow_lib_server_cb.send_list))
-        done = sflow_lib_server_send_queued();
-    else if (!held)
-        done = false; // nothing may be waited for with a lock that is not ours
-    else if (sflow_lib_server_wait_msg())
-        done = sflow_lib_server_send_queued();
+    const bool empty = sflow_list_empty(&sflow_lib_server_cb.send_list);
+    bool done = false;
+    if (held || !empty)
+        done = (empty && !sflow_lib_server_wait_msg()) || sflow_lib_server_send_queued();
     sflow_lib_send_unlock(held);
     return done;
 }

@@ -261,6 +261,7 @@ void sflow_del_intf_config(sflow_intf_config_t *intf)
     if (intf == nullptr || intf->enable != 0 || intf->cid != 0 || intf->fid != 0)
         return;
     sflow_list_remove(&intf->list);
+    world().released.push_back(*intf);
     std::free(intf);
 }
 

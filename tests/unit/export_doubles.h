@@ -48,8 +48,9 @@ struct World {
     int acl_unref_result = 0;
     std::vector<AclRelease> acl_releases;
     int c2p_result = 0;
-    std::vector<Held> c2p_requests;      ///< lock held at each request
-    std::vector<std::uint32_t> detached; ///< collector ids given to sflow_intf_del_receiver
+    std::vector<Held> c2p_requests;            ///< lock held at each request
+    std::vector<sflow_intf_config_t> released; ///< interface records as they were when they were freed
+    std::vector<std::uint32_t> detached;       ///< collector ids given to sflow_intf_del_receiver
 };
 
 World &world();

@@ -489,13 +489,27 @@ TEST_F(Poller_intf_del_notify, names_and_releases_the_lists_of_both_slots_in_ord
                                                   "[SFLOW-CONF]sflow_intf_del_notify c2p reform success.\n"));
 }
 
-TEST_F(Poller_intf_del_notify, clears_the_record_and_offers_it_for_release_only_then)
+TEST_F(Poller_intf_del_notify, clears_the_record_before_it_is_released)
 {
-    // The double frees a record only when enable, cid and fid are 0.
-    add_interface(7, 1, 2);
+    sflow_intf_config_t *intf = add_interface(7, 1, 2);
+    intf->snoop = SFLOW_INGRESS_BY_SNOOP;
+    intf->acl_enable = true;
+    for (acl_info_t &slot : intf->acl) {
+        slot.enable = true;
+        slot.enable_acl_id = 100;
+        std::memset(slot.enable_acl_name, 'x', sizeof(slot.enable_acl_name) - 1);
+    }
     sflow_intf_del_notify(7);
-    EXPECT_EQ(find_interface(7), nullptr);
-    EXPECT_TRUE(sflow_list_empty(&sflow_agent.intf_config));
+    ASSERT_EQ(world().released.size(), 1U);
+    const sflow_intf_config_t &record = world().released[0];
+    EXPECT_EQ(record.enable + record.cid + record.fid, 0U);
+    EXPECT_EQ(record.snoop, 0);
+    EXPECT_FALSE(record.acl_enable);
+    for (const acl_info_t &slot : record.acl) {
+        EXPECT_FALSE(slot.enable);
+        EXPECT_EQ(slot.enable_acl_id, 0);
+        EXPECT_THAT(slot.enable_acl_name, ::testing::Each('\0'));
+    }
 }
 
 TEST_F(Poller_intf_del_notify, logs_a_list_that_cannot_be_released_and_goes_on)
