@@ -204,6 +204,7 @@ def test_lost_notifications_are_made_good(namespace, start_probe, tmp_path):
     namespace.add_veth("v0", "v1")
     v0 = namespace.ifindex("v0")
     probe = start_probe()
+    wait_for(lambda: probe.facts("v0")["ip6"] != "none", "the link-local address to be usable")
     flood = tmp_path / "flood"
     flood.write_text("".join(f"addr add 10.{i}.{j}.1/24 dev v0\naddr del 10.{i}.{j}.1/24 dev v0\n"
                              for i in range(200) for j in range(100)) +

@@ -250,8 +250,8 @@ def test_the_header_length_follows_the_daemon(stand):
 def test_a_forwarded_packet_keeps_its_input_on_egress(stand):
     stand.near.add_veth("port2", "eth2", stand.far)
     stand.near.ip("link", "add", "bridge", "type", "bridge")
-    # The bridge's own neighbour discovery leaves through its ports too, and has no input.
-    stand.near.run("sysctl", "-qw", "net.ipv6.conf.bridge.disable_ipv6=1")
+    # What the host itself sends through the ports, neighbour discovery above all, has no input.
+    stand.near.run("sysctl", "-qw", "net.ipv6.conf.all.disable_ipv6=1")
     stand.near.ip("link", "set", "bridge", "up")
     for port in ("port1", "port2"):
         stand.near.ip("link", "set", port, "master", "bridge")
