@@ -32,11 +32,6 @@ sfladdress_value_t sflow_lsm_first_address(IFINDEX ifx, sflow_address_type_t fam
     return value;
 }
 
-u_int32_t sflow_lsm_family_bit(sflow_address_type_t family)
-{
-    return family == SFLOW_ADDRESS_TYPE_IPV4 ? SFLOW_FAMILY_IPV4 : SFLOW_FAMILY_IPV6;
-}
-
 bool sflow_lsm_refresh_agent(IFINDEX ifx, sflow_address_type_t family) SFLOW_REQUIRES(sflow_agent.config_lock)
 {
     sflow_agent_address_t &agent = sflow_agent.agent_ip;
@@ -46,19 +41,50 @@ bool sflow_lsm_refresh_agent(IFINDEX ifx, sflow_address_type_t family) SFLOW_REQ
     return true;
 }
 
-/// Any collector may send from the global source, so all sockets are closed.
-bool sflow_lsm_refresh_source(IFINDEX ifx, sflow_address_type_t family)
+/// Takes over the address of one family if the global source, which is learnt from `ifx`, has that family.
+bool sflow_lsm_refresh_source_family(IFINDEX ifx, sflow_address_type_t family)
     SFLOW_REQUIRES(sflow_agent.config_lock)
 {
     sflow_source_address_t &source = sflow_agent.source_ip;
-    if (source.cfg_type != SFLOW_SOURCE_TYPE_INTERFACE || source.ifindex != ifx ||
-        (source.type & sflow_lsm_family_bit(family)) == 0)
+    const bool v4 = family == SFLOW_ADDRESS_TYPE_IPV4;
+    if ((source.type & (v4 ? SFLOW_FAMILY_IPV4 : SFLOW_FAMILY_IPV6)) == 0)
         return false;
-    (family == SFLOW_ADDRESS_TYPE_IPV4 ? source.v4_address : source.v6_address) =
-        sflow_lsm_first_address(ifx, family);
+    (v4 ? source.v4_address : source.v6_address) = sflow_lsm_first_address(ifx, family);
+    return true;
+}
+
+bool sflow_lsm_is_source_of(IFINDEX ifx) SFLOW_REQUIRES(sflow_agent.config_lock)
+{
+    const sflow_source_address_t &source = sflow_agent.source_ip;
+    return source.cfg_type == SFLOW_SOURCE_TYPE_INTERFACE && source.ifindex == ifx;
+}
+
+bool sflow_lsm_is_source_of(const sflreceiver_t &receiver, IFINDEX ifx)
+{
+    return receiver.address.src_type == SFLOW_SOURCE_TYPE_INTERFACE && receiver.address.ifindex == ifx;
+}
+
+/// Any collector may send from the global source.
+void sflow_lsm_close_sockets()
+{
     for (sflreceiver_t &receiver : sflow_agent.receivers)
         sflow_close_socket(&receiver);
+}
+
+bool sflow_lsm_refresh_source(IFINDEX ifx, sflow_address_type_t family)
+    SFLOW_REQUIRES(sflow_agent.config_lock)
+{
+    if (!sflow_lsm_is_source_of(ifx) || !sflow_lsm_refresh_source_family(ifx, family))
+        return false;
+    sflow_lsm_close_sockets();
     return true;
+}
+
+/// Takes over the address of the collector's own family.
+void sflow_lsm_refresh_receiver(sflreceiver_t *receiver, IFINDEX ifx)
+{
+    receiver->address.src_address = sflow_lsm_first_address(ifx, receiver->address.type);
+    sflow_close_socket(receiver);
 }
 
 bool sflow_lsm_refresh_receivers(IFINDEX ifx, sflow_address_type_t family)
@@ -66,12 +92,9 @@ bool sflow_lsm_refresh_receivers(IFINDEX ifx, sflow_address_type_t family)
 {
     bool changed = false;
     for (sflreceiver_t &receiver : sflow_agent.receivers) {
-        sfladdress_t &address = receiver.address;
-        if (address.src_type != SFLOW_SOURCE_TYPE_INTERFACE || address.ifindex != ifx ||
-            address.type != family)
+        if (!sflow_lsm_is_source_of(receiver, ifx) || receiver.address.type != family)
             continue;
-        address.src_address = sflow_lsm_first_address(ifx, family);
-        sflow_close_socket(&receiver);
+        sflow_lsm_refresh_receiver(&receiver, ifx);
         changed = true;
     }
     return changed;
@@ -137,9 +160,14 @@ void sflow_lsm_intf_status_chang(const char *data)
     sflow_config_wrlock();
     SFLOW_LOG_CONF("[SFLOW-CONF]%s source interface status changed\n", __func__);
     // One family of the global source only, IPv4 when both are set.
-    if (!sflow_lsm_refresh_source(record.ifx, SFLOW_ADDRESS_TYPE_IPV4))
-        sflow_lsm_refresh_source(record.ifx, SFLOW_ADDRESS_TYPE_IPV6);
-    sflow_lsm_refresh_receivers(record.ifx, SFLOW_ADDRESS_TYPE_IPV4);
-    sflow_lsm_refresh_receivers(record.ifx, SFLOW_ADDRESS_TYPE_IPV6);
+    if (sflow_lsm_is_source_of(record.ifx)) {
+        if (!sflow_lsm_refresh_source_family(record.ifx, SFLOW_ADDRESS_TYPE_IPV4))
+            sflow_lsm_refresh_source_family(record.ifx, SFLOW_ADDRESS_TYPE_IPV6);
+        sflow_lsm_close_sockets();
+    }
+    for (sflreceiver_t &receiver : sflow_agent.receivers) {
+        if (sflow_lsm_is_source_of(receiver, record.ifx))
+            sflow_lsm_refresh_receiver(&receiver, record.ifx);
+    }
     sflow_config_wrunlock();
 }

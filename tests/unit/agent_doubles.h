@@ -61,6 +61,13 @@ void fail(const char *function, int error, int nth = 0);
 /// fields.
 std::vector<std::string> alive();
 
+/// What `config_lock` was last created with; -1 while it was not.
+struct rwlock_attr_t {
+    int kind = -1;
+    int shared = -1;
+};
+rwlock_attr_t config_lock_attr();
+
 /// The CPU set that the process asked to be pinned to: cores and size in bytes; {} while it did not ask.
 struct pinned_t {
     std::vector<int> cores;

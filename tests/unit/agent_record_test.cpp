@@ -76,6 +76,13 @@ TEST_F(Agent_record, init_makes_every_lock_and_a_condition_on_the_monotonic_cloc
     EXPECT_EQ(clock, CLOCK_MONOTONIC);
 }
 
+TEST_F(Agent_record, config_lock_prefers_writers_and_is_shared_between_processes)
+{
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(config_lock_attr().kind, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    EXPECT_EQ(config_lock_attr().shared, PTHREAD_PROCESS_SHARED);
+}
+
 TEST_F(Agent_record, init_puts_the_receivers_up_before_the_timer_and_the_timer_before_the_locks)
 {
     strings locks_at_timer_start = {"unset"};

@@ -93,6 +93,7 @@ int mark(const void *address, bool alive, int result)
 
 doubles::captured_thread_t captured;
 doubles::pinned_t pinned_to;
+doubles::rwlock_attr_t config_attr;
 
 } // namespace
 
@@ -107,6 +108,12 @@ void reset_wraps()
         object.alive = false;
     captured = {};
     pinned_to = {};
+    config_attr = {};
+}
+
+rwlock_attr_t config_lock_attr()
+{
+    return config_attr;
 }
 
 void fail(const char *function, int error, int nth)
@@ -200,8 +207,18 @@ WRAP_ERROR_FUNCTION(pthread_rwlock_unlock, (pthread_rwlock_t * lock), (lock))
 WRAP_ERROR_FUNCTION(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 WRAP_ERROR_FUNCTION(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
 WRAP_ERROR_FUNCTION(pthread_condattr_setclock, (pthread_condattr_t * attr, clockid_t clock), (attr, clock))
-WRAP_LIFE_FUNCTION(pthread_rwlock_init, true, (pthread_rwlock_t * lock, const pthread_rwlockattr_t *attr),
-                   (lock, attr), lock)
+
+int __real_pthread_rwlock_init(pthread_rwlock_t *lock, const pthread_rwlockattr_t *attr);
+int __wrap_pthread_rwlock_init(pthread_rwlock_t *lock, const pthread_rwlockattr_t *attr)
+{
+    if (lock == &sflow_agent.config_lock.rwlock && attr != nullptr) {
+        pthread_rwlockattr_getkind_np(attr, &config_attr.kind);
+        pthread_rwlockattr_getpshared(attr, &config_attr.shared);
+    }
+    const int error = scripted_error("pthread_rwlock_init");
+    return mark(lock, true, error != 0 ? error : __real_pthread_rwlock_init(lock, attr));
+}
+
 WRAP_LIFE_FUNCTION(pthread_rwlock_destroy, false, (pthread_rwlock_t * lock), (lock), lock)
 WRAP_LIFE_FUNCTION(pthread_mutex_init, true, (pthread_mutex_t * mutex, const pthread_mutexattr_t *attr),
                    (mutex, attr), mutex)

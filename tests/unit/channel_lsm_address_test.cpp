@@ -309,6 +309,15 @@ TEST_F(Lsm_intf_status_chang, refreshes_ipv4_alone_when_both_families_are_set)
     EXPECT_EQ(source_v6(), bytes_of(ipv6("2001:db8::7")));
 }
 
+TEST_F(Lsm_intf_status_chang, closes_both_sockets_of_a_source_without_a_family_too)
+{
+    set_source(0);
+    link_event(INTF_DOWN);
+    EXPECT_EQ(source_v4(), bytes_of(ipv4("10.0.0.1")));
+    EXPECT_EQ(source_v6(), OLD);
+    EXPECT_THAT(open_now(), ElementsAre(false, false));
+}
+
 TEST_F(Lsm_intf_status_chang, keeps_the_agent_address)
 {
     set_agent(SFLOW_ADDRESS_TYPE_IPV4);
