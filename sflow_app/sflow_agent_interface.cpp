@@ -25,8 +25,7 @@ struct intf_entry_t {
 };
 static_assert(std::is_standard_layout_v<intf_entry_t> && offsetof(intf_entry_t, config) == 0);
 
-/// Chained hash by interface index, newest entry of an index first. The bucket count is a power of two;
-/// indexes are handed out densely, so that their low bits spread well.
+/// Chained hash by interface index, newest entry of an index first. The bucket count is a power of two.
 struct intf_index_t {
     intf_entry_t **buckets;
     size_t bucket_num;
@@ -46,9 +45,12 @@ intf_entry_t *entry_of(sflow_intf_config_t *intf)
     return reinterpret_cast<intf_entry_t *>(intf);
 }
 
+/// Platforms number interfaces densely or code slot and port into the high bits: the product's upper half depends
+/// on every bit of the index.
 intf_entry_t **bucket_of(const intf_index_t &index, IFINDEX ifx)
 {
-    return &index.buckets[ifx & (index.bucket_num - 1)];
+    constexpr u_int64_t golden_ratio = 0x9E3779B97F4A7C15;
+    return &index.buckets[(ifx * golden_ratio >> 32) & (index.bucket_num - 1)];
 }
 
 void index_insert(intf_entry_t *entry)
@@ -74,7 +76,7 @@ void index_grow()
     if (intf_index.entry_num < intf_index.bucket_num)
         return;
     const size_t bucket_num = intf_index.bucket_num * 2;
-    auto **buckets = static_cast<intf_entry_t **>(std::calloc(bucket_num, sizeof(intf_entry_t *)));
+    auto **buckets = static_cast<intf_entry_t **>(std::calloc(bucket_num, sizeof(void *)));
     if (buckets == nullptr)
         return;
     const intf_index_t old = intf_index;
@@ -99,6 +101,17 @@ void index_grow()
 bool serves_nothing(const sflow_intf_config_t *intf)
 {
     return intf->enable == 0 && intf->cid == 0 && intf->fid == 0;
+}
+
+/// The link in front of which a node of `ifx` goes. Looked for from the end: a configuration is entered, and
+/// interfaces appear, in ascending order for the most part.
+sflow_list_t *position_for(IFINDEX ifx) SFLOW_REQUIRES(sflow_agent.config_lock)
+{
+    sflow_list_t *position = &sflow_agent.intf_config;
+    while (position->prev != &sflow_agent.intf_config &&
+           sflow_list_entry<sflow_intf_config_t>(position->prev)->ifx >= ifx)
+        position = position->prev;
+    return position;
 }
 
 void free_entry(intf_entry_t *entry)
@@ -237,9 +250,7 @@ sflow_intf_config_t *sflow_add_intf_config(IFINDEX ifx)
     intf->flow_seqno = 1;
     intf->counter_seqno = 1;
     intf->countdown = sflow_agent.g_config.interval;
-    auto *position = sflow_list_find<sflow_intf_config_t>(
-        &sflow_agent.intf_config, [ifx](const sflow_intf_config_t *other) { return other->ifx >= ifx; });
-    sflow_list_insert_before(position != nullptr ? &position->list : &sflow_agent.intf_config, &intf->list);
+    sflow_list_insert_before(position_for(ifx), &intf->list);
     index_grow();
     index_insert(entry);
     return intf;

@@ -7,6 +7,7 @@
 #include "sflow_poller.h"
 
 #include "sflow_acl.h"
+#include "sflow_binding.h"
 #include "sflow_cli.h"
 #include "sflow_cli_msg.h"
 #include "sflow_dbg.h"
@@ -207,29 +208,17 @@ int sflow_poller_write_countersample(sflow_msg_t *msg_node)
 
 int sflow_poller_set_cid(IFINDEX ifx, u_int32_t cid)
 {
-    sflow_config_wrlock();
-    sflow_intf_config_t *intf = sflow_check_intf(ifx, cid);
-    if (intf != nullptr)
-        intf->cid = cid;
-    sflow_config_wrunlock();
-    return intf != nullptr ? 0 : -1;
+    return sflow_binding_set(&sflow_intf_config_t::cid, ifx, cid);
 }
 
 u_int32_t sflow_poller_get_cid(IFINDEX ifx)
 {
-    const sflow_intf_config_t *intf = sflow_get_intf_config(ifx);
-    return intf != nullptr ? intf->cid : 0;
+    return sflow_binding_get(&sflow_intf_config_t::cid, ifx);
 }
 
 void sflow_poller_clear_cid(IFINDEX ifx)
 {
-    sflow_config_wrlock();
-    sflow_intf_config_t *intf = sflow_get_intf_config(ifx);
-    if (intf != nullptr) {
-        intf->cid = 0;
-        sflow_del_intf_config(intf);
-    }
-    sflow_config_wrunlock();
+    sflow_binding_clear(&sflow_intf_config_t::cid, ifx);
 }
 
 // ---- Removal of an interface ------------------------------------------------------------------------------

@@ -6,6 +6,7 @@
 // pool live in the interface's configuration. Never queues: a packet is encoded before the call returns.
 #include "sflow_sampler.h"
 
+#include "sflow_binding.h"
 #include "sflow_dbg.h"
 
 #include <algorithm>
@@ -50,27 +51,15 @@ int sflow_sampler_write_flowsample(const char *buf, int buf_len, sflow_flow_info
 
 int sflow_sampler_set_cid(IFINDEX ifx, u_int32_t cid)
 {
-    sflow_config_wrlock();
-    sflow_intf_config_t *intf = sflow_check_intf(ifx, cid);
-    if (intf != nullptr)
-        intf->fid = cid;
-    sflow_config_wrunlock();
-    return intf != nullptr ? 0 : -1;
+    return sflow_binding_set(&sflow_intf_config_t::fid, ifx, cid);
 }
 
 u_int32_t sflow_sampler_get_cid(IFINDEX ifx)
 {
-    const sflow_intf_config_t *intf = sflow_get_intf_config(ifx);
-    return intf != nullptr ? intf->fid : 0;
+    return sflow_binding_get(&sflow_intf_config_t::fid, ifx);
 }
 
 void sflow_sampler_clear_cid(IFINDEX ifx)
 {
-    sflow_config_wrlock();
-    sflow_intf_config_t *intf = sflow_get_intf_config(ifx);
-    if (intf != nullptr) {
-        intf->fid = 0;
-        sflow_del_intf_config(intf);
-    }
-    sflow_config_wrunlock();
+    sflow_binding_clear(&sflow_intf_config_t::fid, ifx);
 }

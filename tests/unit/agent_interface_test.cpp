@@ -73,6 +73,9 @@ TEST_F(Interface, list_is_in_ascending_order)
     add(2);
     add(9);
     EXPECT_EQ(listed(), (ifindexes{2, 5, 9}));
+    for (const IFINDEX ifx : {1U, 7U, 10U, 0xffffffffU})
+        add(ifx);
+    EXPECT_EQ(listed(), (ifindexes{1, 2, 5, 7, 9, 10, 0xffffffff}));
 }
 
 TEST_F(Interface, new_node_has_the_defaults)

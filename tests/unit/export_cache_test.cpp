@@ -422,6 +422,16 @@ TEST_F(Poller_counter_init, without_tmpdir_loads_nothing_and_counting_goes_on)
     const sflow_msg_t event = {.list = {}, .ifx = 7, .type = SFLOW_MSG_UPDATE_COUNTER, .msg = &counters};
     sflow_poller_update_counter(&event);
     EXPECT_EQ(cached(7)->generic.ifInErrors, 5U);
+
+    set_agent_address("192.0.2.1");
+    set_collector(1, "198.51.100.9");
+    add_interface(7, 1, 0);
+    sflow_msg_counter_t report = {.generic_counter = {.ifInErrors = 3}, .ether_counter = {}};
+    sflow_msg_t answer = {.list = {}, .ifx = 7, .type = SFLOW_MSG_GET_COUNTER_RSP, .msg = &report};
+    EXPECT_EQ(sflow_poller_write_countersample(&answer), 0);
+    flush();
+    EXPECT_EQ(field(only_datagram(), 28 + 20 + 8 + 48), 8U) << "ifInErrors";
+    EXPECT_EQ(file(), image(7)) << "the file that is not ours is untouched";
 }
 
 TEST_F(Poller_counter_init, keeps_an_interface_named_twice_and_finds_the_first)

@@ -344,6 +344,14 @@ TEST_F(Receiver_send_sample, uptime_is_milliseconds_modulo_32_bits)
     }
 }
 
+TEST_F(Receiver_send_sample, announces_sub_agent_0_whatever_the_agent_record_says)
+{
+    sflow_agent.sub_id = 0x5a;
+    write_flow(frame(4), port);
+    flush();
+    EXPECT_EQ(field(only_datagram(), DATAGRAM_SUB_AGENT), 0U);
+}
+
 TEST_F(Receiver_send_sample, reaches_an_ipv6_collector)
 {
     play_local_address("2001:db8::99");

@@ -11,6 +11,7 @@ namespace export_test
 
 /// Offsets within a datagram whose agent address is IPv4 and whose first sample is a flow sample.
 enum FlowOffset : std::size_t {
+    DATAGRAM_SUB_AGENT = 12,
     DATAGRAM_SEQNO = 16,
     DATAGRAM_UPTIME = 20,
     DATAGRAM_SAMPLES = 24,
