@@ -354,6 +354,9 @@ int sflow_disable_intf_config(IFINDEX ifx, int direct, int ifx_type, int acl_id,
                               int snoop)
 {
     const rate_request_t request = {ifx, direct, ifx_type, acl_id, acl_name, snoop};
+    sflow_config_rdlock();
+    const bool known = sflow_get_intf_config(ifx) != nullptr;
+    sflow_config_rdunlock();
     if ((direct & SFLOW_EGRESS) != 0 && send_request(request, 0, SFLOW_EGRESS) != 0) {
         SFLOW_LOG_CONF("[SFLOW-CONF]%s set to ss fail\n", __func__);
         return -1;
@@ -362,8 +365,11 @@ int sflow_disable_intf_config(IFINDEX ifx, int direct, int ifx_type, int acl_id,
     const sflow_intf_config_t *intf = sflow_get_intf_config(ifx);
     int ret = 0;
     if (intf == nullptr) {
-        SFLOW_LOG_CONF("[SFLOW-CONF]%s get to intf fail\n", __func__);
-        ret = -1;
+        // A node that was there has gone because the service has answered the egress request already: all is off.
+        if (!known) {
+            SFLOW_LOG_CONF("[SFLOW-CONF]%s get to intf fail\n", __func__);
+            ret = -1;
+        }
     } else if ((direct & SFLOW_INGRESS) != 0 && disable_ingress(request, intf) != 0) {
         SFLOW_LOG_CONF("[SFLOW-CONF]%s set to ss fail\n", __func__);
         ret = -1;

@@ -621,6 +621,23 @@ TEST_F(Interface, disabling_egress_without_a_node_sends_and_still_fails)
     EXPECT_TRUE(is_unlocked());
 }
 
+TEST_F(Interface, disabling_egress_succeeds_when_the_answer_comes_first_and_frees_the_node)
+{
+    behaviour.sampling_rate = [](int) {
+        sflow_config_wrlock();
+        sflow_del_intf_config(sflow_get_intf_config(5));
+        sflow_config_wrunlock();
+        return 0;
+    };
+    for (const int direct : std::initializer_list<int>{SFLOW_EGRESS, SFLOW_INGRESS | SFLOW_EGRESS}) {
+        forget_calls();
+        add(5);
+        EXPECT_EQ(sflow_disable_intf_config(5, direct, 2, 0, nullptr, 0), 0);
+        EXPECT_EQ(calls(), strings{rate(0, 2, NO_ACL, 0)});
+        EXPECT_TRUE(is_unlocked());
+    }
+}
+
 TEST_F(Interface, disabling_ingress_without_a_node_sends_nothing)
 {
     EXPECT_EQ(sflow_disable_intf_config(5, SFLOW_INGRESS, 2, 0, nullptr, 0), -1);
