@@ -65,7 +65,8 @@ CLI_SET(coll_dest_v4_set, FAMILY, IPV4, coll_port);
 CLI_KEYWORD(coll_dest_ipv6, "ipv6", "ipv6 address", USER, coll_dest_v6, Tno_alt);
 CLI_IPV6(coll_dest_v6, "collector ipv6 address", CLI_SLOT(paddr_var[0]), coll_dest_v6_set, Tno_alt);
 CLI_SET(coll_dest_v6_set, FAMILY, IPV6, coll_port);
-CLI_NUMBER(coll_port, "collector port", 1, 65535, CLI_NUMBER_FLAG, CLI_SLOT(int_var[1]), coll_vrf, Tno_alt);
+CLI_NUMBER(coll_port, "sflow collector port", 1, 65535, CLI_NUMBER_FLAG, CLI_SLOT(int_var[1]), coll_vrf,
+           Tno_alt);
 
 CLI_KEYWORD(coll_vrf, "vrf", "Set VRF option", USER, coll_vrf_name, coll_oob);
 CLI_STRING(coll_vrf_name, "VPN Routing/Forwarding instance name", CLI_SLOT(string_var[0]), coll_vrf_set,

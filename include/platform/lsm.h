@@ -75,7 +75,7 @@ enum lsm_if_kind_t : u_int32_t {
     LSM_IF_KIND_SUBINTERFACE = 0x800,
     LSM_IF_KIND_AGGREGATE = 0x20000,
     LSM_IF_KIND_MANAGEMENT =
-        0x100000, ///< in addition to the bit above, on interfaces of the management network
+        0x100000, ///< in addition to the bit above, on interfaces of the management network, inside a VRF
 };
 
 /// Interface flags (lsm_if_get_flags).

@@ -135,7 +135,8 @@ u_int32_t Store::next_version()
 void Store::refresh(Interface &intf)
 {
     intf.kind = kind_of(intf.link);
-    if (management_.count(intf.link.name) != 0) {
+    // Only inside a VRF: a collector reached through it is told apart, and saved, by that.
+    if (management_.count(intf.link.name) != 0 && vrf_of(intf.link) != 0) {
         intf.kind |= LSM_IF_KIND_MANAGEMENT;
     }
     intf.physical_version = exists_on(intf.link, LSM_IF_STACK_PHYSICAL) ? next_version() : 0;

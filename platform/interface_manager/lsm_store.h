@@ -65,7 +65,7 @@ struct Interface {
 class Store
 {
 public:
-    /// @param management  names of the interfaces of the management network
+    /// @param management  names of the interfaces of the management network; each counts as one while it is in a VRF
     explicit Store(std::set<std::string, std::less<>> management = {});
 
     /// Each returns the events that the change means, in the order in which they are to be delivered.

@@ -6,6 +6,7 @@
 #include "running_config.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -19,6 +20,7 @@ using CommandThreads = std::multimap<const struct_command_data_block *, pthread_
 struct Cli {
     cli::Grammar grammar;
     std::vector<CliRegistration> registrations;
+    std::map<std::string, const struct_transtion *> trees; ///< by name of the registration
     std::string printed;
     std::vector<ConfigLine> config_lines;
     int execmd_fails = 0;
@@ -298,6 +300,13 @@ std::vector<CliRegistration> cli_registrations()
     return cli_state().registrations;
 }
 
+const struct_transtion *cli_tree(const std::string &name)
+{
+    const Lock lock = lock_state();
+    const auto found = cli_state().trees.find(name);
+    return found == cli_state().trees.end() ? nullptr : found->second;
+}
+
 bool cli_is_ready()
 {
     const Lock lock = lock_state();
@@ -319,6 +328,7 @@ int cli_add_command(cli_attach_t attach, const struct_transtion *append_point, c
         return -1;
     }
     cli_state().registrations.push_back({.attach = attach, .name = name});
+    cli_state().trees[name] = append_point;
     return 0;
 }
 

@@ -293,6 +293,8 @@ struct CliRegistration {
     bool operator==(const CliRegistration &) const = default;
 };
 std::vector<CliRegistration> cli_registrations();
+/// Append point of the last registration of this name; nullptr for none.
+const struct_transtion *cli_tree(const std::string &name);
 bool cli_is_ready();
 
 // ---- Tech support -----------------------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 // Debug switches, the gate of the log lines, and the event counters.
 #include "dcli_doubles.h"
+#include "dcli_nodes.h"
 #include "sflow_dbg.h"
 
 #include <algorithm>
@@ -128,6 +129,34 @@ TEST_F(Debug_switches, words_of_the_command)
     EXPECT_EQ(fake::cli_match("no debug sflow socket", CLI_MODE_EXEC).record.flag_1, 2);
 }
 
+TEST_F(Debug_switches, words_of_the_keywords)
+{
+    struct Row {
+        const char *help;
+        u_int64_t mini_match;
+        u_int64_t flag;
+    };
+    const std::map<std::string, Row> rows = {
+        {"sflow", {"sflow debug informations", 5, 6}},
+        {"all", {"all sflow debug information", 1, 10}},
+        {"socket", {"sflow socket debug information", 1, 10}},
+        {"event", {"sflow event debug information", 1, 10}},
+        {"export", {"sflow export debug information", 1, 10}},
+        {"conf", {"sflow configure debug information", 1, 10}},
+    };
+    const struct_transtion *tree = fake::cli_tree("debug sflow");
+    ASSERT_NE(tree, nullptr);
+    const auto look = [&](const struct_common_keyword &keyword) {
+        const Row &row = rows.at(keyword.pname);
+        EXPECT_STREQ(keyword.phelp, row.help);
+        EXPECT_EQ(keyword.mini_match, row.mini_match) << keyword.pname;
+        EXPECT_EQ(keyword.flag, row.flag) << keyword.pname;
+        EXPECT_EQ(keyword.exec_priv, 2U) << keyword.pname;
+        EXPECT_EQ(keyword.def_priv, 2U) << keyword.pname;
+    };
+    EXPECT_EQ(for_each_node<struct_common_keyword>(*tree, common_keyword_action, look), 6);
+}
+
 TEST_F(Debug_switches, the_table)
 {
     const std::vector<std::pair<bool *, const char *>> rows = {
@@ -146,6 +175,14 @@ TEST_F(Debug_switches, the_table)
 }
 
 // ---- Listing -------------------------------------------------------------------------------------------------
+
+TEST_F(Debug_listing, is_registered_under_its_name)
+{
+    fake::reset();
+    sflow_debug_init();
+    EXPECT_EQ(fake::calls("sys_add_debug"), Lines{"name=sflow-debug"});
+    EXPECT_EQ(fake::calls("cli_add_command"), Lines{"attach=17 name=debug sflow"});
+}
 
 TEST_F(Debug_listing, says_what_is_on)
 {

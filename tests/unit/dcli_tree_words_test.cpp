@@ -1,11 +1,11 @@
 // The command trees: their help texts, and the words in their nodes.
+#include "dcli_nodes.h"
 #include "dcli_tree_doubles.h"
 
 #include <gmock/gmock.h>
 
 #include <cstring>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -45,7 +45,7 @@ TEST_F(Command_tree, help_texts_of_global_configuration)
          {"destination|sflow collector address", "max-datagram-size|sflow export max datagram size"}},
         {"sflow collector 1 destination ", {"A.B.C.D|collector ip address", "ipv6|ipv6 address"}},
         {"sflow collector 1 destination ipv6 ", {"X:X::X:X|collector ipv6 address"}},
-        {"sflow collector 1 destination 1.1.1.1 ", {"<1-65535>|collector port"}},
+        {"sflow collector 1 destination 1.1.1.1 ", {"<1-65535>|sflow collector port"}},
         {"sflow collector 1 destination 1.1.1.1 1 ",
          {"vrf|Set VRF option", "oob|mgmt", "description|Describe sflow collector",
           "source|sflow source address"}},
@@ -104,35 +104,6 @@ TEST_F(Command_tree, help_texts_of_show)
 // ---- Words stored in the nodes -------------------------------------------------------------------------------
 //
 // The service gives some of them no meaning of its own, so no line shows them.
-
-namespace
-{
-
-/// Every node record of a tree with the action that interprets it.
-void collect(const struct_transtion *t, std::set<const struct_transtion *> &seen)
-{
-    if (t == nullptr || t == &Tno_alt || t == &Tno_acc || !seen.insert(t).second)
-        return;
-    collect(t->accept, seen);
-    collect(t->alternate, seen);
-}
-
-template <typename Node, typename Check>
-int for_each_node(const struct_transtion &root, cli_action_t action, Check look)
-{
-    std::set<const struct_transtion *> seen;
-    collect(&root, seen);
-    int count = 0;
-    for (const struct_transtion *t : seen) {
-        if (t->pfn == action) {
-            look(*static_cast<const Node *>(t->argument));
-            count++;
-        }
-    }
-    return count;
-}
-
-} // namespace
 
 TEST_F(Command_tree, keyword_words)
 {

@@ -388,13 +388,18 @@ TEST(Lsm_store_versions, version_changes_with_the_state_of_the_layer)
     EXPECT_NE(store.find(5)->physical_version, physical);
 }
 
-TEST(Lsm_store_management, kind_follows_the_name)
+TEST(Lsm_store_management, kind_follows_the_name_and_the_vrf)
 {
     Store store({"eth0"});
+    store.apply(device(10, "mgmt", "vrf"));
     store.apply(port(5, "eth0"));
+    EXPECT_EQ(store.find(5)->kind, 0x1u) << "in the default VRF";
+    store.apply(member_of(port(5, "eth0"), 10, "vrf"));
     EXPECT_EQ(store.find(5)->kind, 0x100001u);
-    store.apply(port(5, "wan"));
-    EXPECT_EQ(store.find(5)->kind, 0x1u);
+    store.apply(member_of(port(5, "wan"), 10, "vrf"));
+    EXPECT_EQ(store.find(5)->kind, 0x1u) << "not on the list";
+    store.apply(member_of(port(5, "eth0"), 8, "bridge"));
+    EXPECT_EQ(store.find(5)->kind, 0x1u) << "a member of something else";
 }
 
 // ---- Recovery from lost notifications
