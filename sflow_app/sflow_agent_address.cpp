@@ -5,6 +5,8 @@
 // changes; the socket is opened anew for the next datagram and then takes the source of the moment.
 
 #include "sflow_agent_internal.h"
+
+#include "sflow_bytes.h"
 #include "sflow_cli.h"
 #include "sflow_dbg.h"
 
@@ -15,11 +17,6 @@ namespace
 
 /// Valid bytes of sfladdress_value_t::ip_v6.
 constexpr size_t IPV6_LEN = 16;
-
-bool same_value(const sfladdress_value_t &a, const sfladdress_value_t &b)
-{
-    return std::memcmp(&a, &b, sizeof(a)) == 0;
-}
 
 bool same_v4(const sfladdress_value_t &a, const sfladdress_value_t &b)
 {
@@ -59,7 +56,7 @@ void forget_source()
 bool is_collector(const sfladdress_value_t &address)
 {
     for (const sflreceiver_t &receiver : sflow_agent.receivers) {
-        if (receiver.is_enable && same_value(receiver.address.address, address))
+        if (receiver.is_enable && sflow_same_bytes(receiver.address.address, address))
             return true;
     }
     return false;
@@ -80,7 +77,7 @@ int set_agent_address(const sflow_agent_address_t *addr) SFLOW_REQUIRES(sflow_ag
         cli_printf("%% Sflow agent address is same as sflow collector destination address.\n");
         return -1;
     }
-    if (std::memcmp(&sflow_agent.agent_ip, addr, sizeof(*addr)) == 0) {
+    if (sflow_same_bytes(sflow_agent.agent_ip, *addr)) {
         SFLOW_LOG_CONF("[SFLOW-CONF]set agent address is the same\n");
         return -1;
     }

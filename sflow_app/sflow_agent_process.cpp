@@ -184,12 +184,9 @@ char *sflow_make_tmp_path(const char *suffix)
     const char *directory = std::getenv("TMPDIR");
     if (directory == nullptr)
         return nullptr;
-    const size_t directory_len = std::strlen(directory);
-    const size_t suffix_len = std::strlen(suffix);
-    if (directory_len + suffix_len + 1 > sizeof(path))
+    if (std::strlen(directory) + std::strlen(suffix) + 1 > sizeof(path))
         return nullptr;
-    std::memcpy(path, directory, directory_len);
-    std::memcpy(path + directory_len, suffix, suffix_len + 1);
+    std::snprintf(path, sizeof(path), "%s%s", directory, suffix);
     return path;
 }
 

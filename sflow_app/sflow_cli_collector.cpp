@@ -3,6 +3,7 @@
 #include "sflow_cli_internal.h"
 
 #include "platform/lsm.h"
+#include "sflow_bytes.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -145,8 +146,7 @@ static bool collector_encap(const struct_command_data_block *record, sfladdress_
 static bool collector_is_same_place(const sfladdress_t &lhs, const sfladdress_t &rhs)
 {
     return lhs.type == rhs.type && lhs.vrf_index == rhs.vrf_index && lhs.mgmt_index == rhs.mgmt_index &&
-           std::memcmp(&lhs.address, &rhs.address, sizeof(lhs.address)) == 0 &&
-           std::memcmp(lhs.desc, rhs.desc, sizeof(lhs.desc)) == 0;
+           sflow_same_bytes(lhs.address, rhs.address) && sflow_same_bytes(lhs.desc, rhs.desc);
 }
 
 /// Whether either receiver makes the request void: it is in effect already, or the other collector has the place.
@@ -154,8 +154,7 @@ static bool collector_is_void(u_int32_t cid, const sfladdress_t &collector, u_in
 {
     for (const sflreceiver_t &receiver : sflow_agent.receivers) {
         if (receiver.cid == cid) {
-            if (std::memcmp(&receiver.address, &collector, sizeof(collector)) == 0 &&
-                receiver.collector_port == port)
+            if (sflow_same_bytes(receiver.address, collector) && receiver.collector_port == port)
                 return true;
         } else if (collector_is_same_place(receiver.address, collector)) {
             cli_printf("The same ip address is already configured!\n");
@@ -179,7 +178,7 @@ static bool collector_apply(struct_command_data_block *record, const sfladdress_
     if (collector_is_void(cid, collector, port))
         return false;
     if (sflow_agent.agent_ip.type != SFLOW_ADDRESS_INVALID &&
-        std::memcmp(&sflow_agent.agent_ip.address, &collector.address, sizeof(collector.address)) == 0) {
+        sflow_same_bytes(sflow_agent.agent_ip.address, collector.address)) {
         cli_printf("%% Sflow collector destination address is same as sflow agent address.\n");
         cli_client_execmd_fail(record);
         return false;

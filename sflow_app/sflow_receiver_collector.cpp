@@ -6,6 +6,7 @@
 #include "sflow_receiver.h"
 
 #include "sflow_agent.h"
+#include "sflow_bytes.h"
 #include "sflow_dbg.h"
 #include "sflow_receiver_internal.h"
 
@@ -19,20 +20,14 @@ static void copy_address(sfladdress_t *to, const sfladdress_t *from)
     std::memcpy(to, from, sizeof(*to));
 }
 
-static bool same_bytes(const void *lhs, const void *rhs, size_t len)
-{
-    return std::memcmp(lhs, rhs, len) == 0;
-}
-
 int sflow_is_collector_addr_same(const sfladdress_t *lhs, const sfladdress_t *rhs)
 {
     if (rhs->src_type == SFLOW_SOURCE_TYPE_ADDRESS)
-        return same_bytes(lhs, rhs, sizeof(*lhs)) ? 1 : 0;
+        return sflow_same_bytes(*lhs, *rhs) ? 1 : 0;
 
-    const bool same_collector = lhs->type == rhs->type && lhs->vrf_index == rhs->vrf_index &&
-                                lhs->mgmt_index == rhs->mgmt_index &&
-                                same_bytes(&lhs->address, &rhs->address, sizeof(lhs->address)) &&
-                                same_bytes(lhs->desc, rhs->desc, sizeof(lhs->desc));
+    const bool same_collector =
+        lhs->type == rhs->type && lhs->vrf_index == rhs->vrf_index && lhs->mgmt_index == rhs->mgmt_index &&
+        sflow_same_bytes(lhs->address, rhs->address) && sflow_same_bytes(lhs->desc, rhs->desc);
     const bool same_source = rhs->src_type != SFLOW_SOURCE_TYPE_INTERFACE ||
                              (lhs->src_type == rhs->src_type && lhs->ifindex == rhs->ifindex);
     return same_collector && same_source ? 1 : 0;

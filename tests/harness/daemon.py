@@ -60,6 +60,8 @@ class Process:
     def close(self):
         self.stop()
         self._log.close()
+        found = [line for line in self.log().splitlines() if "Sanitizer" in line or "runtime error:" in line]
+        assert not found, f"{self.name}: {found[0]}\n{self.log()}"
 
 
 class Sandbox:
@@ -134,8 +136,12 @@ class Sandbox:
                 pass    # full
 
     def close(self):
-        for process in reversed(self.processes):
-            process.close()
-        if self._small_disk:
-            subprocess.run(["umount", "-l", self.config], check=True)
-        shutil.rmtree(self.path, ignore_errors=True)
+        try:
+            for process in reversed(self.processes):
+                process.close()
+        finally:
+            for process in self.processes:
+                process.stop()
+            if self._small_disk:
+                subprocess.run(["umount", "-l", self.config], check=True)
+            shutil.rmtree(self.path, ignore_errors=True)
