@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/kx_thread.h"
+#include "sflow_types.h"
 
 /// Subscribes to the events of the TCP/IP and the physical layer and connects to the interface manager, whose events
 /// then run on `master`. 0, else the failing call's result with its name in the debug file. When the connection is
@@ -12,6 +13,12 @@ int sflow_lsm_init(kx_thread_master_t *master);
 /// the event number says how large the record is. Other event numbers than those below are ignored. Takes
 /// `config_lock` (for event 48 `cli_lock`); the caller holds no lock.
 int sflow_recv_lsm_msg(int event, char *data, int len);
+
+/// Forgets the configuration of `ifx` if the interface is gone. The end of an interface may come between a setting and
+/// the sampling service's answer, which then sets up what nothing would ever take away again; so whoever applies an
+/// answer calls this afterwards. Before the initial data are complete no interface counts as gone. Takes `config_lock`;
+/// the caller does not hold it. Any thread.
+void sflow_lsm_forget_if_gone(IFINDEX ifx);
 
 // The events that change addresses (sflow_lsm_address.cpp); `data` as above. Each takes `config_lock` for writing.
 

@@ -9,6 +9,7 @@
 #include "sflow_agent.h"
 #include "sflow_cli.h"
 #include "sflow_dbg.h"
+#include "sflow_lsm.h"
 #include "sflow_poller.h"
 #include "sflow_sampler.h"
 
@@ -238,6 +239,7 @@ void sflow_set_sampling_rate_ret_msg(char *msg)
     } else if (!sflow_spl_apply(answer)) {
         return;
     }
+    sflow_lsm_forget_if_gone(answer.record.ifx);
     sflow_conf_reform(__func__);
 }
 
@@ -268,5 +270,6 @@ void sflow_ifx_is_conf_ret_msg(char *msg)
         fflush(stdout);
         return;
     }
+    sflow_lsm_forget_if_gone(record.ifx);
     sflow_conf_reform(__func__);
 }

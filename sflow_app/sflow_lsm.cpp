@@ -44,13 +44,18 @@ bool sflow_lsm_read(const char *data, Record *record, const char *function)
 // ---- Handlers ------------------------------------------------------------------------------------------------------
 
 /// An interface leaves its layers one by one; it is gone when none of them has it.
+bool sflow_lsm_is_gone(IFINDEX ifx)
+{
+    return lsm_get_realtime_version(ifx, LSM_IF_STACK_TCPIP) == 0 &&
+           lsm_get_realtime_version(ifx, LSM_IF_STACK_PHYSICAL) == 0;
+}
+
 void sflow_intf_destroy(const char *data)
 {
     intf_msg_destroy_t record;
     if (!sflow_lsm_read(data, &record, __func__))
         return;
-    if (lsm_get_realtime_version(record.ifx, LSM_IF_STACK_TCPIP) != 0 ||
-        lsm_get_realtime_version(record.ifx, LSM_IF_STACK_PHYSICAL) != 0) {
+    if (!sflow_lsm_is_gone(record.ifx)) {
         SFLOW_LOG_CONF("[SFLOW-CONF]%s interface is exist\n", __func__);
         return;
     }
@@ -192,6 +197,14 @@ int sflow_lsm_reg_stack(const sflow_lsm_stack_t &layer)
 }
 
 } // namespace
+
+// The interface manager changes its data before it announces the change: an interface that is still there now will have
+// its end announced after this, and what was learnt goes with that.
+void sflow_lsm_forget_if_gone(IFINDEX ifx)
+{
+    if ((sflow_load(sflow_agent.cli_ready_flag) & SFLOW_CLI_VRF_READY_FLAG) != 0 && sflow_lsm_is_gone(ifx))
+        sflow_intf_del_notify(ifx);
+}
 
 int sflow_recv_lsm_msg(int event, char *data, int)
 {

@@ -156,6 +156,7 @@ void enter_range(struct_command_data_block *record)
     console.enter_range(std::move(members));
 }
 
+// What the sampling service has yet to confirm would come after the defaults and outlive them.
 void default_interface(struct_command_data_block *record)
 {
     cli_session_t &command = command_of(record);
@@ -163,10 +164,16 @@ void default_interface(struct_command_data_block *record)
     const IFINDEX ifindex = command.core().interfaces().index_of(name);
     if (ifindex == 0) {
         no_such_interface(command, name);
-    } else if (lsm_raise_default_event(ifindex) != 0) {
-        command.write("% Interface " + name + " could not be returned to its defaults\n");
-        command.fail();
+        return;
     }
+    command.hold();
+    command.core().when_settled([command = command.shared_from_this(), name, ifindex] {
+        if (lsm_raise_default_event(ifindex) != 0) {
+            command->write("% Interface " + name + " could not be returned to its defaults\n");
+            command->fail();
+        }
+        command->release();
+    });
 }
 
 constexpr u_int64_t USER = CLI_PRIV_USER;

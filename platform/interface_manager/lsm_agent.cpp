@@ -12,10 +12,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <linux/if.h>
+#include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace platform::lsm
@@ -25,7 +28,10 @@ namespace
 
 constexpr int CHANGES_PER_ROUND = 256; // then other tasks of the master get their turn
 constexpr int RETRY_MS = 1000;
+constexpr int START_ATTEMPTS = 30; // a second apart
+constexpr std::chrono::seconds LOSS_REPORT_INTERVAL(10);
 constexpr int WARNING = 4;
+constexpr int NOTICE = 5;
 // A port's speed may change with any of these.
 constexpr unsigned LINK_FLAGS = IFF_UP | IFF_RUNNING | IFF_LOWER_UP;
 
@@ -43,6 +49,8 @@ public:
 
 private:
     std::optional<std::vector<LinkState>> read_everything();
+    std::optional<std::vector<LinkState>> read_at_start();
+    void lost_changes();
     bool watch_changes();
     void watch_settings();
     void take(Change &&change);
@@ -54,6 +62,8 @@ private:
     std::string name_;
     std::atomic<kx_thread_master_t *> master_{nullptr};
     lsm_connect_callback_t connect_callback_ = nullptr;
+    std::optional<std::chrono::steady_clock::time_point> loss_reported_;
+    u_int64_t losses_ = 0; ///< since then
     RouteReader route_;
     EthtoolReader ethtool_;
 };
@@ -105,6 +115,7 @@ void Agent::warn(const char *what, const char *consequence) const
     const int error = errno;
     printk_syslog_ext(WARNING, "LSM", "NETLINK", SYSLOG_DEST_OPERATOR, "client %s: %s: %s, %s", name_.c_str(),
                       what, strerrordesc_np(error), consequence);
+    errno = error; // for the caller
 }
 
 bool Agent::schedule(kx_thread_func_t function)
@@ -127,6 +138,18 @@ std::optional<std::vector<LinkState>> Agent::read_everything()
     return states;
 }
 
+/// Interfaces that come and go faster than they can be read, as at boot, calm down sooner or later. The thread has
+/// nothing else to serve yet.
+std::optional<std::vector<LinkState>> Agent::read_at_start()
+{
+    std::optional<std::vector<LinkState>> states = read_everything();
+    for (int attempt = 1; !states && errno == EAGAIN && attempt < START_ATTEMPTS; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(RETRY_MS));
+        states = read_everything();
+    }
+    return states;
+}
+
 bool Agent::start(const char *name, kx_thread_master_t *master)
 {
     name_ = name != nullptr ? name : "";
@@ -135,7 +158,7 @@ bool Agent::start(const char *name, kx_thread_master_t *master)
         return false;
     }
     ethtool_.open();
-    const std::optional<std::vector<LinkState>> states = read_everything();
+    const std::optional<std::vector<LinkState>> states = read_at_start();
     if (!states) {
         warn("read interfaces and addresses", "no interface data");
         return false;
@@ -176,12 +199,30 @@ void Agent::changes_arrived()
     const RouteReader::Result result =
         route_.receive([this](Change &&change) { take(std::move(change)); }, CHANGES_PER_ROUND);
     if (result == RouteReader::Result::lost) {
-        resynchronise();
+        lost_changes();
     }
     if (!watch_changes()) {
         errno = ENOMEM;
         warn("watch rtnetlink", "interface data are frozen");
     }
+}
+
+/// The kernel dropped notifications because they were not read fast enough.
+void Agent::lost_changes()
+{
+    ++losses_;
+    const auto now = std::chrono::steady_clock::now();
+    // A flood overruns the buffer again and again: one line tells of several times.
+    if (!loss_reported_ || now - *loss_reported_ >= LOSS_REPORT_INTERVAL) {
+        printk_syslog_ext(NOTICE, "LSM", "RESYNC", SYSLOG_DEST_OPERATOR,
+                          "client %s: changes of interfaces came too fast (%llu times since the last "
+                          "report), all interfaces "
+                          "are read again",
+                          name_.c_str(), static_cast<unsigned long long>(losses_));
+        loss_reported_ = now;
+        losses_ = 0;
+    }
+    resynchronise();
 }
 
 void Agent::resynchronise()
@@ -264,10 +305,13 @@ void Agent::refresh_followers(IFINDEX ifx)
 void Agent::settings_changed()
 {
     std::set<IFINDEX> changed;
-    ethtool_.receive([&](IFINDEX ifx) { changed.insert(ifx); });
+    const bool complete = ethtool_.receive([&](IFINDEX ifx) { changed.insert(ifx); });
     for (const IFINDEX ifx : changed) {
         refresh_eth(ifx);
         refresh_followers(ifx);
+    }
+    if (!complete) {
+        lost_changes();
     }
     watch_settings();
 }

@@ -138,17 +138,25 @@ void EthtoolReader::open()
 {
     monitor_.reset();
     family_ = -1;
-    requests_.reset(nl_socket_alloc());
-    if (requests_ == nullptr || genl_connect(requests_.get()) < 0) {
+    if (!open_requests()) {
         return;
     }
-    // An answer is one message; an acknowledgement behind it would be taken for the answer to the next
-    // request.
-    nl_socket_disable_auto_ack(requests_.get());
     family_ = genl_ctrl_resolve(requests_.get(), ETHTOOL_GENL_NAME);
     if (family_ >= 0) {
         open_monitor();
     }
+}
+
+bool EthtoolReader::open_requests()
+{
+    requests_.reset(nl_socket_alloc());
+    if (requests_ == nullptr || genl_connect(requests_.get()) < 0) {
+        return false;
+    }
+    // An answer is one message; an acknowledgement behind it would be taken for the answer to the next
+    // request.
+    nl_socket_disable_auto_ack(requests_.get());
+    return true;
 }
 
 void EthtoolReader::open_monitor()
@@ -171,16 +179,22 @@ int EthtoolReader::fd() const
     return monitor_ == nullptr ? -1 : nl_socket_get_fd(monitor_.get());
 }
 
-void EthtoolReader::receive(const std::function<void(IFINDEX)> &sink)
+bool EthtoolReader::receive(const std::function<void(IFINDEX)> &sink)
 {
     if (monitor_ == nullptr) {
-        return;
+        return true;
     }
     nl_socket_modify_cb(monitor_.get(), NL_CB_VALID, NL_CB_CUSTOM, on_monitor,
                         const_cast<std::function<void(IFINDEX)> *>(&sink));
-    // A lost notification is made good by the interface's next link event.
-    for (int i = 0; i < MONITOR_LIMIT && nl_recvmsgs_default(monitor_.get()) != -NLE_AGAIN; ++i) {
+    bool complete = true;
+    for (int i = 0; i < MONITOR_LIMIT; ++i) {
+        const int result = nl_recvmsgs_default(monitor_.get());
+        if (result == -NLE_AGAIN) {
+            break;
+        }
+        complete = complete && result >= 0;
     }
+    return complete;
 }
 
 /// Asks for one interface, or with 0 for all.
@@ -203,7 +217,15 @@ bool EthtoolReader::request(IFINDEX ifx, std::unordered_map<IFINDEX, EthInfo> &a
     }
     nla_nest_end(msg.get(), header);
     nl_socket_modify_cb(requests_.get(), NL_CB_VALID, NL_CB_CUSTOM, on_linkmodes, &answers);
-    return nl_send_auto(requests_.get(), msg.get()) >= 0 && nl_recvmsgs_default(requests_.get()) >= 0;
+    if (nl_send_auto(requests_.get(), msg.get()) >= 0 && nl_recvmsgs_default(requests_.get()) >= 0) {
+        return true;
+    }
+    // Most interfaces that have no Ethernet facts fail here. An answer that could not be read would stay behind and
+    // be taken for the next one's.
+    if (!open_requests()) {
+        family_ = -1;
+    }
+    return false;
 }
 
 std::optional<EthInfo> EthtoolReader::query(IFINDEX ifx, const std::string &name)

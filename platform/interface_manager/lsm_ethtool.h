@@ -30,10 +30,11 @@ public:
     /// Descriptor that becomes readable when an operator changed a setting; -1 when the kernel does not tell.
     [[nodiscard]] int fd() const;
 
-    /// Hands the interfaces whose settings changed to `sink`; never waits.
-    void receive(const std::function<void(IFINDEX)> &sink);
+    /// Hands the interfaces whose settings changed to `sink`; never waits. False when notifications were lost.
+    bool receive(const std::function<void(IFINDEX)> &sink);
 
 private:
+    bool open_requests();
     bool request(IFINDEX ifx, std::unordered_map<IFINDEX, EthInfo> &answers);
     void open_monitor();
 

@@ -11,6 +11,7 @@
 #include <netlink/route/addr.h>
 #include <netlink/route/link.h>
 #include <netlink/socket.h>
+#include <sys/socket.h>
 #include <unordered_map>
 #include <utility>
 
@@ -212,23 +213,38 @@ void FreeSocket::operator()(nl_sock *sock) const
 bool RouteReader::open()
 {
     events_.reset(nl_socket_alloc());
-    requests_.reset(nl_socket_alloc());
-    if (events_ == nullptr || requests_ == nullptr) {
+    if (events_ == nullptr) {
         errno = ENOMEM;
         return false;
     }
     nl_socket_disable_seq_check(events_.get());
-    nl_socket_disable_auto_ack(requests_.get());
     if (!succeeded(nl_connect(events_.get(), NETLINK_ROUTE)) ||
-        !succeeded(nl_connect(requests_.get(), NETLINK_ROUTE)) ||
         !succeeded(nl_socket_add_memberships(events_.get(), RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR,
                                              RTNLGRP_IPV6_IFADDR, 0)) ||
         !succeeded(nl_socket_set_nonblocking(events_.get()))) {
         return false;
     }
-    // A smaller buffer than asked for is no error: it fills earlier and costs a dump.
-    nl_socket_set_buffer_size(events_.get(), RECEIVE_BUFFER_BYTES, 0);
-    return true;
+    // A smaller buffer than asked for is no error: it fills earlier and costs a dump. Without CAP_NET_ADMIN the
+    // system's limit (net.core.rmem_max) holds.
+    const int bytes = RECEIVE_BUFFER_BYTES;
+    if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+        nl_socket_set_buffer_size(events_.get(), bytes, 0);
+    }
+    return open_requests();
+}
+
+bool RouteReader::open_requests()
+{
+    requests_.reset(nl_socket_alloc());
+    if (requests_ == nullptr) {
+        errno = ENOMEM;
+        return false;
+    }
+    nl_socket_disable_auto_ack(requests_.get());
+    if (!succeeded(nl_connect(requests_.get(), NETLINK_ROUTE))) {
+        requests_.reset();
+    }
+    return requests_ != nullptr;
 }
 
 int RouteReader::fd() const
@@ -286,12 +302,14 @@ std::optional<std::vector<LinkState>> RouteReader::dump()
     // has.
     ifinfomsg links{};
     ifaddrmsg addresses{};
-    for (int attempt = 0; attempt < DUMP_ATTEMPTS; ++attempt) {
+    for (int attempt = 0; attempt < DUMP_ATTEMPTS && (requests_ != nullptr || open_requests()); ++attempt) {
         std::vector<Change> changes;
         if (request(RTM_GETLINK, &links, sizeof links, changes) &&
             request(RTM_GETADDR, &addresses, sizeof addresses, changes)) {
             return assemble(changes);
         }
+        // What is left of an answer that was given up would be taken for the answer to the next request.
+        requests_.reset();
         if (errno != EAGAIN) {
             break;
         }

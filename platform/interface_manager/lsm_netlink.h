@@ -68,6 +68,7 @@ public:
     [[nodiscard]] std::optional<std::vector<LinkState>> dump();
 
 private:
+    bool open_requests();
     bool request(int message_type, void *header, std::size_t header_bytes, std::vector<Change> &changes);
 
     Socket events_;

@@ -6,6 +6,7 @@ import threading
 import pytest
 
 from harness.daemon import BIN
+from harness.devices import add_device
 from harness.wait import wait_for
 
 
@@ -73,16 +74,6 @@ def start_probe(namespace):
 
     yield start
     assert [probe.close() for probe in probes] == [0] * len(probes)
-
-
-def add_device(namespace, *words):
-    """`ip link add`, skipping the test when the kernel lacks the kind of device."""
-    try:
-        namespace.ip("link", "add", *words)
-    except RuntimeError as error:
-        if "Unknown device type" in str(error) or "not supported" in str(error):
-            pytest.skip(f"kernel without such a device: {error}")
-        raise
 
 
 def test_initial_data_are_what_exists(namespace, start_probe):
@@ -219,6 +210,46 @@ def test_lost_notifications_are_made_good(namespace, start_probe, tmp_path):
     assert probe.facts("z0") == start_probe().facts("z0")
     added = sum(f"ipv4 {v0} add" in event for event in probe.events())
     assert added < 20000, "no notification was lost: the test shows nothing"
+
+
+@pytest.mark.parametrize("refused", [0, 1, 2], ids=["at-once", "after-one-failure", "after-two-failures"])
+def test_changes_that_are_lost_become_exactly_the_events_that_are_missing(namespace, start_probe, refused, tmp_path):
+    # IPv6 would go on adding and checking addresses by itself.
+    namespace.run("sysctl", "-q", "-w", "net.ipv6.conf.all.disable_ipv6=1", "net.ipv6.conf.default.disable_ipv6=1")
+    for name, peer in (("v0", "v1"), ("w0", "w1")):
+        namespace.add_veth(name, peer)
+    for address in ("10.0.0.1/24", "10.0.1.1/24"):
+        namespace.ip("addr", "add", address, "dev", "v0")
+    probe = start_probe()
+    v0, w0, w1 = (namespace.ifindex(name) for name in ("v0", "w0", "w1"))
+    wait_for(lambda: all(probe.facts(name)["line"] == "1" for name in ("v0", "v1", "w0", "w1")), "the carrier")
+    batch = tmp_path / "batch"
+    batch.write_text("addr add 10.9.9.9/24 dev v0\n"          # comes and goes
+                     "addr del 10.9.9.9/24 dev v0\n"
+                     "addr del 10.0.0.1/24 dev v0\n"
+                     "addr add 10.0.2.1/24 dev v0\n"
+                     "link set v1 mtu 1400\n"                  # no event of its own
+                     "link del w0\n"
+                     "link add passing type veth peer name through\n"
+                     "link del passing\n"
+                     "link add n0 index 4000 type veth peer name n1 index 4001\n")
+    assert probe.ask(f"refuse {refused}") == "ok refuse"
+    before = len(probe.lines)
+    probe.signal(signal.SIGSTOP)
+    namespace.run("ip", "-batch", batch)
+    probe.signal(signal.SIGUSR1)        # handled before anything else once the probe goes on
+    probe.signal(signal.SIGCONT)
+    probe.wait("event 7 eth 4001 10000 1", before)
+    namespace.ip("addr", "add", "10.0.3.1/24", "dev", "v0")     # whatever else there was has come before this
+    probe.wait(f"event 7 ipv4 {v0} add 10.0.3.1/24", before)
+    gone = [[f"3 link {index} down", f"7 link {index} down", f"3 admin {index} down", f"7 admin {index} down",
+             f"3 destroy {index}", f"7 destroy {index}"] for index in sorted((w0, w1))]
+    new = [[f"3 create {index}", f"7 create {index}", f"3 eth {index} 10000 1", f"7 eth {index} 10000 1"]
+           for index in (4000, 4001)]
+    # What is gone comes first, then the interfaces in the kernel's order.
+    assert probe.events(before) == [*gone[0], *gone[1],
+                                    f"7 ipv4 {v0} del 10.0.0.1/24", f"7 ipv4 {v0} add 10.0.2.1/24", *new[0], *new[1],
+                                    f"7 ipv4 {v0} add 10.0.3.1/24"]
 
 
 def test_vlan_is_a_subinterface(namespace, start_probe):

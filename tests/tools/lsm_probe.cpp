@@ -8,6 +8,10 @@
 //   speed NAME A B        answer to "speed NAME": by ethtool netlink, by ioctl
 //   ok WHAT | none WHAT   answer to "default NAME" and to questions about what does not exist
 //
+// Netlink can be made to fail, as it does on a system in trouble: after SIGUSR1 the next changes that are received are
+// thrown away with all that has arrived behind them, and reported as an overrun; "refuse N" lets the next N reads of a
+// dump fail.
+//
 // "quit", or the end of the input, ends the program.
 #include "lsm_test_events.h"
 
@@ -17,18 +21,46 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <iostream>
+#include <linux/netlink.h>
+#include <netlink/errno.h>
+#include <netlink/socket.h>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace
 {
 
 using namespace platform::lsm;
+
+volatile std::sig_atomic_t lose_changes = 0;
+int refuse_dumps = 0;
+
+int option_of(int fd, int option)
+{
+    int value = -1;
+    socklen_t length = sizeof value;
+    return getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
+}
+
+bool is_route(int fd)
+{
+    return option_of(fd, SO_DOMAIN) == AF_NETLINK && option_of(fd, SO_PROTOCOL) == NETLINK_ROUTE;
+}
+
+void throw_away(int fd)
+{
+    std::array<char, 65536> buffer;
+    while (recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT) > 0) {
+    }
+}
 
 template <typename Record>
 Payload payload_from(const char *data)
@@ -191,6 +223,9 @@ bool obey(const std::string &line)
         show_vrf(std::stoi(what), what);
     } else if (command == "speed") {
         show_speed(what);
+    } else if (command == "refuse") {
+        refuse_dumps = std::stoi(what);
+        std::cout << "ok refuse" << std::endl;
     } else if (command == "default") {
         const bool raised = lsm_raise_default_event(lsm_if_get_index(what.c_str())) == 0;
         std::cout << (raised ? "ok " : "none ") << what << std::endl;
@@ -248,8 +283,28 @@ bool start(kx_thread_master_t *master)
 
 } // namespace
 
+// The linker's --wrap leads the interface manager's reads here. Changes are read without waiting, dumps are waited for.
+extern "C" int __real_nl_recvmsgs_default(nl_sock *sock);
+extern "C" int __wrap_nl_recvmsgs_default(nl_sock *sock)
+{
+    const int fd = nl_socket_get_fd(sock);
+    if (!is_route(fd)) {
+        return __real_nl_recvmsgs_default(sock);
+    }
+    if ((fcntl(fd, F_GETFL) & O_NONBLOCK) == 0) {
+        return refuse_dumps > 0 && refuse_dumps-- > 0 ? -NLE_NOMEM : __real_nl_recvmsgs_default(sock);
+    }
+    if (lose_changes == 0) {
+        return __real_nl_recvmsgs_default(sock);
+    }
+    lose_changes = 0;
+    throw_away(fd);
+    return -NLE_NOMEM; // what libnl makes of ENOBUFS
+}
+
 int main()
 {
+    std::signal(SIGUSR1, [](int) { lose_changes = 1; });
     kx_thread_master_t *master = kx_thread_master_create();
     if (master == nullptr || !start(master)) {
         std::perror("lsm_probe: interface manager");

@@ -435,6 +435,38 @@ TEST_F(CliMsg_set_sampling_rate_ret_msg, lock_failures_are_logged)
     EXPECT_NE(interface(7), nullptr);
 }
 
+// ---- Interfaces that go before the answer comes --------------------------------------------------------------------
+
+TEST_F(CliMsg_set_sampling_rate_ret_msg, start_of_an_interface_that_has_gone_leaves_nothing_behind)
+{
+    sflow_agent.cli_ready_flag = SFLOW_CLI_VRF_READY_FLAG;
+    fake::remove_interface(7);
+    answered({.acl_id = 77, .acl_name = "web"});
+    EXPECT_EQ(interface(7), nullptr);
+    EXPECT_EQ(module_calls().front(), "sflow_intf_del_notify(7)");
+    EXPECT_EQ(module_calls().back(), "sflow_cli_c2p_reform()");
+}
+
+TEST_F(CliMsg_set_sampling_rate_ret_msg, interface_that_one_layer_still_has_is_not_gone)
+{
+    sflow_agent.cli_ready_flag = SFLOW_CLI_VRF_READY_FLAG;
+    const std::pair<u_int32_t, u_int32_t> versions[] = {{1, 0}, {0, 1}};
+    for (const auto &[physical, tcpip] : versions) {
+        fake::set_interface(7, {.name = "eth7", .physical_version = physical, .tcpip_version = tcpip});
+        answered({});
+        EXPECT_NE(interface(7), nullptr);
+    }
+    EXPECT_THAT(module_calls(), testing::Not(Contains("sflow_intf_del_notify(7)")));
+}
+
+TEST_F(CliMsg_set_sampling_rate_ret_msg, no_interface_is_gone_before_the_initial_data_are_complete)
+{
+    sflow_agent.cli_ready_flag = SFLOW_CLI_SS_READY_FLAG;
+    fake::remove_interface(7);
+    answered({});
+    EXPECT_NE(interface(7), nullptr);
+}
+
 // ---- Collector attachment ------------------------------------------------------------------------------------------
 
 class Attachment : public AgentTest
@@ -472,6 +504,22 @@ TEST_F(CliMsg_ifx_is_conf_ret_msg, binds_counters_for_every_other_flag)
         answered(flag);
         EXPECT_THAT(module_calls(), ElementsAre("sflow_poller_set_cid(7,2)", "sflow_cli_c2p_reform()"))
             << flag;
+    }
+}
+
+TEST_F(CliMsg_ifx_is_conf_ret_msg, binding_of_an_interface_that_has_gone_is_taken_back)
+{
+    sflow_agent.cli_ready_flag = SFLOW_CLI_VRF_READY_FLAG;
+    fake::set_interface(7, {.name = "eth7"});
+    answered(1);
+    EXPECT_THAT(module_calls(), ElementsAre("sflow_sampler_set_cid(7,2)", "sflow_cli_c2p_reform()"));
+    fake::remove_interface(7);
+    for (const std::uint32_t flag : {1U, 2U}) {
+        forget_module_calls();
+        answered(flag);
+        EXPECT_THAT(module_calls(),
+                    ElementsAre(flag == 1 ? "sflow_sampler_set_cid(7,2)" : "sflow_poller_set_cid(7,2)",
+                                "sflow_intf_del_notify(7)", "sflow_cli_c2p_reform()"));
     }
 }
 

@@ -296,6 +296,45 @@ TEST_F(ReadyConsoleTest, default_interface_raises_the_event)
     EXPECT_THAT(platform_double::state.returned_to_defaults, ElementsAre(3));
 }
 
+TEST_F(ReadyConsoleTest, default_interface_waits_for_what_commands_have_set_in_motion)
+{
+    core_.set_settle_time(std::chrono::milliseconds(20));
+    expect_ok(console_, {"conf t", "interface eth1", "fan enable"});
+    bool done = false;
+    console_.run(
+        "default interface eth1", std::nullopt, [](std::string_view) {},
+        [&](Status status) {
+            done = true;
+            EXPECT_EQ(status, Status::ok);
+        });
+    EXPECT_FALSE(done);
+    EXPECT_THAT(platform_double::state.returned_to_defaults, ElementsAre());
+    for (kx_thread_t task{}; !done && kx_thread_fetch(master_, &task) != nullptr;)
+        kx_thread_call(&task);
+    EXPECT_TRUE(done);
+    EXPECT_THAT(platform_double::state.returned_to_defaults, ElementsAre(3));
+}
+
+TEST_F(ReadyConsoleTest, default_interface_of_an_interface_that_goes_while_it_waits_fails)
+{
+    core_.set_settle_time(std::chrono::milliseconds(1));
+    expect_ok(console_, {"conf t", "interface eth1"});
+    std::string text;
+    Status status = Status::ok;
+    bool done = false;
+    console_.run(
+        "default interface eth1", std::nullopt, [&](std::string_view piece) { text += piece; },
+        [&](Status ended) {
+            done = true;
+            status = ended;
+        });
+    platform_double::state.interfaces.clear();
+    for (kx_thread_t task{}; !done && kx_thread_fetch(master_, &task) != nullptr;)
+        kx_thread_call(&task);
+    EXPECT_EQ(status, Status::failed);
+    EXPECT_EQ(text, "% Interface eth1 could not be returned to its defaults\n");
+}
+
 TEST_F(ReadyConsoleTest, output_goes_through_the_modifier)
 {
     EXPECT_EQ(run(console_, "show fan | include fan").text, "fan speed is 5\nfan is turning\n");

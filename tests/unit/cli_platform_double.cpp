@@ -122,6 +122,8 @@ std::vector<lsm_if_record_t> lsm_if_walk()
 int lsm_raise_default_event(IFINDEX ifx)
 {
     const std::lock_guard guard(platform_double::lock);
+    if (by_index(ifx) == nullptr)
+        return -1;
     state.returned_to_defaults.push_back(ifx);
     return 0;
 }

@@ -10,4 +10,7 @@ sflow_unit_test(lsm_test
         platform_lsm PkgConfig::LSM_LIBNL)
 
 # On its own: begins before the process's client has connected.
-sflow_unit_test(lsm_agent_test SOURCES lsm_agent_test.cpp LIBS platform_lsm)
+sflow_unit_test(lsm_agent_test
+    SOURCES lsm_agent_test.cpp
+    LIBS platform_lsm PkgConfig::LSM_LIBNL
+    LINK_OPTIONS -Wl,--wrap=nl_recvmsgs_default -Wl,--wrap=nanosleep)

@@ -7,10 +7,47 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <netlink/errno.h>
+#include <netlink/netlink.h>
+#include <netlink/socket.h>
 #include <vector>
+
+namespace
+{
+
+/// Reads of a dump that are still to fail, with the error of libnl that they fail with; sleeps that were asked for.
+int failing_dumps = 0;
+int dump_error = 0;
+int sleeps = 0;
+
+} // namespace
+
+extern "C" {
+
+// Dumps are waited for, everything else is read without waiting or from another protocol.
+int __real_nl_recvmsgs_default(nl_sock *sock);
+int __wrap_nl_recvmsgs_default(nl_sock *sock)
+{
+    if (failing_dumps == 0 || (fcntl(nl_socket_get_fd(sock), F_GETFL) & O_NONBLOCK) != 0) {
+        return __real_nl_recvmsgs_default(sock);
+    }
+    --failing_dumps;
+    return -dump_error;
+}
+
+int __wrap_nanosleep(const timespec *duration, timespec * /*left*/)
+{
+    EXPECT_EQ(duration->tv_sec, 1);
+    ++sleeps;
+    return 0;
+}
+
+} // extern "C"
 
 namespace
 {
@@ -122,6 +159,49 @@ TEST(Lsm_agent, life_of_a_client)
     EXPECT_THAT(received, testing::Contains(Received{INTF_EVENT_CREATE_INDEX, lo}));
     kx_thread_master_finish(second);
 }
+
+struct StartCase {
+    const char *name;
+    int failures;
+    int error;
+    int result;
+    int error_number; ///< of a start that fails
+    int sleeps;
+};
+
+class LsmAgentStart : public testing::TestWithParam<StartCase>
+{
+};
+
+TEST_P(LsmAgentStart, reads_again_while_interfaces_change_faster_than_they_can_be_read)
+{
+    kx_thread_master_t *master = kx_thread_master_create();
+    if (lsm_agent_init("test", master) != 0) {
+        GTEST_SKIP() << "rtnetlink is not to be had here: " << std::strerror(errno);
+    }
+    sleeps = 0;
+    failing_dumps = GetParam().failures;
+    dump_error = GetParam().error;
+    errno = 0;
+    EXPECT_EQ(lsm_agent_init("test", master), GetParam().result);
+    if (GetParam().result != 0) {
+        EXPECT_EQ(errno, GetParam().error_number);
+    }
+    EXPECT_EQ(sleeps, GetParam().sleeps);
+    failing_dumps = 0;
+    kx_thread_master_finish(master);
+}
+
+constexpr int ATTEMPTS = 20; // without a pause
+
+INSTANTIATE_TEST_SUITE_P(Failures, LsmAgentStart,
+                         testing::Values(StartCase{"once", 1, NLE_DUMP_INTR, 0, 0, 0},
+                                         StartCase{"for_a_while", 3 * ATTEMPTS, NLE_DUMP_INTR, 0, 0, 3},
+                                         StartCase{"for_ever", 1000 * ATTEMPTS, NLE_DUMP_INTR, -1, EAGAIN,
+                                                   29},
+                                         StartCase{"refused", 1, NLE_PERM, -1, EPERM, 0},
+                                         StartCase{"out_of_memory", 1, NLE_NOMEM, -1, ENOMEM, 0}),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 TEST(Lsm_ethtool, interface_without_ethernet_facts_has_none)
 {
