@@ -359,12 +359,19 @@ def test_a_vrf_that_is_removed_takes_its_collectors_with_it(ready):
 def test_an_out_of_band_collector_follows_the_binding_of_its_interface(stage):
     (stage.sandbox.config / "platform.toml").write_text(
         '[syslog]\ntarget = "stderr"\n[interfaces]\nmanagement = ["port3"]\n')
-    add_device(stage.namespace, "blue", "type", "vrf", "table", "10")
+    for number, vrf in ((10, "blue"), (11, "green")):
+        add_device(stage.namespace, vrf, "type", "vrf", "table", number)
+    stage.namespace.ip("link", "set", "port3", "master", "blue")
     stage.ready()
     destination = f"sflow collector 1 destination {COLLECTOR4} 6343"
     stage.configure(f"{destination} oob via port3")
-    wait_sections(stage, {"": [destination]})       # in the default VRF it is like any other
-    stage.namespace.ip("link", "set", "port3", "master", "blue")
     wait_sections(stage, {"": [f"{destination} oob via port3"]})
-    stage.namespace.ip("link", "del", "blue")       # releases its members before it goes
-    wait_sections(stage, {"": [destination]})
+    stage.cli("debug sflow conf")
+    stage.namespace.ip("link", "set", "port3", "master", "green")
+    bound = f"sflow_lsm_intf_vrf_bind msg ifx({stage.ifindex('port3')}) vrf({stage.ifindex('green')})"
+    wait_for(lambda: bound in stage.daemon.log(), "the binding")
+    stage.namespace.ip("link", "del", "blue")       # is nothing to it any more
+    wait_for(lambda: "blue" not in stage.cli("show interfaces brief").output, "the end of the first VRF")
+    wait_sections(stage, {"": [f"{destination} oob via port3"]})
+    stage.namespace.ip("link", "del", "green")      # releases its members before it goes
+    wait_sections(stage, {"": [destination]})       # in the default VRF it is like any other
