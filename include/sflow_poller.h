@@ -19,8 +19,8 @@ static_assert(offsetof(sflow_counter_node_t, ifx) == 16);
 static_assert(offsetof(sflow_counter_node_t, generic) == 24);
 static_assert(offsetof(sflow_counter_node_t, ether) == 112);
 
-/// The cache, in order of insertion. Nodes enter through sflow_poller_add_counter and leave through
-/// sflow_poller_free_counter only: both keep the index by interface that sflow_poller_get_counter looks into.
+/// The cache, in order of insertion. Nodes are made and freed by the module only: they carry their place in the
+/// index by interface, which sflow_poller_get_counter looks into, and in the file.
 extern sflow_list_t sflow_counter_list SFLOW_GUARDED_BY(sflow_agent.config_lock);
 
 /// Counts down one second on every polled interface and asks the sampling service for those that fall due.
@@ -36,8 +36,8 @@ void sflow_poller_countdown() SFLOW_REQUIRES(sflow_agent.config_lock);
 /// Receive thread; takes `msg_lock`.
 int sflow_pi_counter_msg_enqueue(const sflow_counter_ret_t *ret, int type);
 
-/// Adds an update to the cached base of its interface, rewrites the cache file and tells the standby; an
-/// update for which no node can be made is lost. `msg_node` and its payload stay the caller's; the payload
+/// Adds an update to the cached base of its interface, brings the cache file up to date and tells the standby;
+/// an update for which no node can be made is lost. `msg_node` and its payload stay the caller's; the payload
 /// must not be null. Dispatcher thread; takes `config_lock` for writing.
 void sflow_poller_update_counter(const sflow_msg_t *msg_node);
 /// Exports a counter report with the cached base added: 0 (also when no collector or no agent address is
@@ -60,13 +60,22 @@ void sflow_poller_update_ether_counter(sflow_ether_counter_t *dst, const sflow_e
 sflow_counter_node_t *sflow_poller_get_counter(IFINDEX ifx) SFLOW_REQUIRES_SHARED(sflow_agent.config_lock);
 /// New zeroed cache node at the end of the list; null when memory is short.
 sflow_counter_node_t *sflow_poller_add_counter(IFINDEX ifx) SFLOW_REQUIRES(sflow_agent.config_lock);
-/// Unlinks the node from the cache and frees it; neither the standby nor the file learns of it.
+/// Replaces the node's counters; the file learns of it with the next save.
+void sflow_poller_set_counter(sflow_counter_node_t *node, const sflow_generic_counter_t &generic,
+                              const sflow_ether_counter_t &ether) SFLOW_REQUIRES(sflow_agent.config_lock);
+/// Unlinks the node from the cache and frees it; the standby does not learn of it, the file with the next save.
 void sflow_poller_free_counter(sflow_counter_node_t *node) SFLOW_REQUIRES(sflow_agent.config_lock);
-/// Tells the standby, frees the node and rewrites the file.
+/// Tells the standby, frees the node and brings the file up to date: cuts the last image off, or writes all of
+/// it again when others moved.
 void sflow_poller_del_counter(sflow_counter_node_t *node) SFLOW_REQUIRES(sflow_agent.config_lock);
-/// Rewrites the cache file from the cache; nothing when no path can be built. Failures are logged under the
-/// configuration switch and leave a shorter file or none.
+/// Writes the whole cache file anew; nothing when no path can be built. A process that ends meanwhile leaves the
+/// old file or the new one, unless the directory does not take a second file: then the old one is written over.
+/// Failures are logged under the configuration switch and leave a shorter file or none.
 void sflow_poller_save_counter() SFLOW_REQUIRES(sflow_agent.config_lock);
+/// The same content after a change of `node` alone, its creation included, at a cost that does not depend on the
+/// number of nodes: its image is written over the old one or appended. A file that is not as this process left
+/// it is written anew.
+void sflow_poller_save_node(const sflow_counter_node_t *node) SFLOW_REQUIRES(sflow_agent.config_lock);
 /// Appends the cache file's complete images to the cache; called once, before the sampling-service server
 /// starts. 0, or -1 when there is no path or no file. The end of the file, and memory running out, go to the
 /// debug file. Takes `config_lock` for writing.

@@ -7,4 +7,5 @@ sflow_module(sflow_sampler SOURCES sflow_sampler.cpp)
 sflow_module(sflow_poller SOURCES
     sflow_poller.cpp
     sflow_poller_cache.cpp
+    sflow_poller_file.cpp
     sflow_poller_rdnd.cpp)

@@ -156,8 +156,7 @@ void apply_backup(const rdnd_sflow_counter_t &record) SFLOW_REQUIRES(sflow_agent
         node = sflow_poller_add_counter(record.counter.ifx);
     if (node == nullptr)
         return;
-    node->generic = record.counter.generic;
-    node->ether = record.counter.ether;
+    sflow_poller_set_counter(node, record.counter.generic, record.counter.ether);
 }
 
 } // namespace

@@ -159,7 +159,7 @@ static void update_counter(const sflow_msg_t *msg_node) SFLOW_REQUIRES(sflow_age
     const sflow_msg_counter_t *update = static_cast<const sflow_msg_counter_t *>(msg_node->msg);
     sflow_poller_update_generic_counter(&node->generic, &update->generic_counter);
     sflow_poller_update_ether_counter(&node->ether, &update->ether_counter);
-    sflow_poller_save_counter();
+    sflow_poller_save_node(node);
     sflow_rdnd_realtime_add_msg(node);
 }
 

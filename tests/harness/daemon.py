@@ -75,7 +75,7 @@ class Sandbox:
         self.namespace = namespace
         self.environment = {**os.environ, "TMPDIR": str(self.path), "SFLOW_CONFIG_DIR": str(self.config)}
         self.processes = []
-        self._small_disk = False
+        self._small_disks = []
 
     @property
     def domain_socket(self):
@@ -122,18 +122,25 @@ class Sandbox:
         assert result.status == 0, result
         return result.output
 
-    def use_small_config_disk(self):
-        """Gives the configuration folder a small file system of its own; before any daemon starts."""
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", self.config], check=True)
-        self._small_disk = True
+    def use_small_disk(self, folder):
+        """Gives a folder of the sandbox a small file system of its own; before any daemon starts."""
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", folder], check=True)
+        self._small_disks.append(folder)
 
-    def fill_config_disk(self):
-        with open(self.config / "filler", "wb", buffering=0) as filler:
+    def use_small_config_disk(self):
+        self.use_small_disk(self.config)
+
+    @staticmethod
+    def fill_disk(folder):
+        with open(folder / "filler", "wb", buffering=0) as filler:
             try:
                 while True:
                     filler.write(bytes(4096))
             except OSError:
                 pass    # full
+
+    def fill_config_disk(self):
+        self.fill_disk(self.config)
 
     def close(self):
         try:
@@ -142,6 +149,6 @@ class Sandbox:
         finally:
             for process in self.processes:
                 process.stop()
-            if self._small_disk:
-                subprocess.run(["umount", "-l", self.config], check=True)
+            for folder in self._small_disks:
+                subprocess.run(["umount", "-l", folder], check=True)
             shutil.rmtree(self.path, ignore_errors=True)

@@ -42,6 +42,13 @@ sflow_counter_node_t *sflow_poller_add_counter(IFINDEX ifx)
     return node;
 }
 
+void sflow_poller_set_counter(sflow_counter_node_t *node, const sflow_generic_counter_t &generic,
+                              const sflow_ether_counter_t &ether)
+{
+    node->generic = generic;
+    node->ether = ether;
+}
+
 void sflow_poller_free_counter(sflow_counter_node_t *node)
 {
     sflow_list_remove(&node->list);

@@ -1,12 +1,7 @@
 // Counter cache: its index, and the file it is saved to and loaded from.
-#include "export_fixture.h"
+#include "export_cache.h"
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 using namespace export_test;
 using ::testing::ElementsAre;
@@ -14,92 +9,6 @@ using ::testing::IsEmpty;
 
 namespace
 {
-
-constexpr std::size_t IMAGE = 168;
-
-/// TMPDIR of its own, with the daemon's directory in it.
-class Caching : public Export
-{
-protected:
-    Caching()
-    {
-        char name[] = "/tmp/export-cache-XXXXXX";
-        dir_ = mkdtemp(name);
-        std::filesystem::create_directory(dir_ / "sflow");
-        world().tmp_dir = dir_.string();
-        log_everything();
-    }
-    ~Caching() override { std::filesystem::remove_all(dir_); }
-
-    [[nodiscard]] std::filesystem::path path() const { return dir_ / "sflow" / "tmp_file"; }
-    [[nodiscard]] std::vector<std::uint8_t> file() const
-    {
-        std::ifstream in(path(), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
-    void write_file(const std::vector<std::uint8_t> &bytes) const
-    {
-        std::ofstream out(path(), std::ios::binary);
-        out.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    }
-    static std::vector<std::uint8_t> image(IFINDEX ifx, std::uint32_t errors = 0, std::uint8_t links = 0xee)
-    {
-        sflow_counter_node_t node = {};
-        std::memset(&node.list, links, sizeof(node.list));
-        node.ifx = ifx;
-        node.generic.ifInErrors = errors;
-        std::vector<std::uint8_t> bytes(sizeof(node));
-        std::memcpy(bytes.data(), &node, sizeof(node));
-        return bytes;
-    }
-    static std::vector<std::uint8_t> joined(std::initializer_list<std::vector<std::uint8_t>> parts)
-    {
-        std::vector<std::uint8_t> bytes;
-        for (const auto &part : parts)
-            bytes.insert(bytes.end(), part.begin(), part.end());
-        return bytes;
-    }
-    static sflow_counter_node_t *add(IFINDEX ifx)
-    {
-        sflow_config_wrlock();
-        sflow_counter_node_t *node = sflow_poller_add_counter(ifx);
-        sflow_config_wrunlock();
-        return node;
-    }
-    static void del(sflow_counter_node_t *node)
-    {
-        sflow_config_wrlock();
-        sflow_poller_del_counter(node);
-        sflow_config_wrunlock();
-    }
-    static void save()
-    {
-        sflow_config_wrlock();
-        sflow_poller_save_counter();
-        sflow_config_wrunlock();
-    }
-    static sflow_counter_node_t *cached(IFINDEX ifx)
-    {
-        sflow_config_rdlock();
-        sflow_counter_node_t *node = sflow_poller_get_counter(ifx);
-        sflow_config_rdunlock();
-        return node;
-    }
-    /// Interfaces of the cache in list order.
-    static std::vector<IFINDEX> listed()
-    {
-        std::vector<IFINDEX> result;
-        sflow_config_rdlock();
-        for (const sflow_list_t *link = sflow_counter_list.next; link != &sflow_counter_list;
-             link = link->next)
-            result.push_back(reinterpret_cast<const sflow_counter_node_t *>(link)->ifx);
-        sflow_config_rdunlock();
-        return result;
-    }
-
-private:
-    std::filesystem::path dir_;
-};
 
 using Poller_get_counter = Caching;
 using Poller_save_counter = Caching;
@@ -257,19 +166,26 @@ TEST_F(Poller_save_counter, of_an_empty_cache_is_an_empty_file_open_to_all)
 
 TEST_F(Poller_save_counter, short_write_ends_the_file_there)
 {
+    write_file(std::vector<std::uint8_t>(1000, 0x55));
     for (const IFINDEX ifx : {1U, 2U, 3U})
         add(ifx);
+    // Neither the new file beside the old one nor the old one takes all of it.
+    fail_call("write", 1, 0);
     fail_call("write", 2, 0);
     save();
-    EXPECT_EQ(file().size(), IMAGE + IMAGE - 1);
+    std::vector<std::uint8_t> want = images_of_the_cache();
+    want.pop_back();
+    EXPECT_EQ(file(), want);
     EXPECT_EQ(fake::syslog_texts().back(), "[SFLOW-CONF]sflow_poller_save_counter write fail\n");
-    EXPECT_EQ(fake::syslog_count("[SFLOW-CONF]sflow_poller_save_counter write ok\n"), 1U);
+    EXPECT_EQ(fake::syslog_count("[SFLOW-CONF]sflow_poller_save_counter write ok\n"), 2U);
+    EXPECT_EQ(fake::syslog_count("[SFLOW-CONF]sflow_poller_save_counter write fail\n"), 1U);
 }
 
 TEST_F(Poller_save_counter, failed_write_stops_nothing_else)
 {
     add(1);
     fail_call("write", 1, ENOSPC);
+    fail_call("write", 2, ENOSPC);
     save();
     EXPECT_THAT(file(), IsEmpty());
     EXPECT_NE(cached(1), nullptr);

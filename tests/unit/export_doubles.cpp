@@ -296,7 +296,7 @@ char *sflow_make_tmp_path(const char *suffix)
     if (!world().tmp_dir)
         return nullptr;
     path.assign(*world().tmp_dir).append(suffix);
-    return path.data();
+    return path.size() <= world().path_len_max ? path.data() : nullptr;
 }
 
 void sflow_app_write_log(int, const char *file, int, const char *text)

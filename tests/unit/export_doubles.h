@@ -42,6 +42,7 @@ struct World {
     std::vector<std::string> debug; ///< "FILE: TEXT" of the debug file's lines
     std::uint64_t uptime_sec = 0;
     std::optional<std::string> tmp_dir; ///< TMPDIR
+    std::size_t path_len_max = 4096;    ///< longer paths cannot be built
     int get_counter_result = 0;
     std::vector<std::pair<IFINDEX, int>> counter_requests; ///< interface and type
     std::vector<RateRequest> rate_requests;

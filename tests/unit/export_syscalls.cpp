@@ -1,5 +1,6 @@
 #include "export_syscalls.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
@@ -29,6 +30,9 @@ struct State {
     std::map<std::string, int> numbers;
     std::vector<std::string> calls;
     std::vector<Sent> sent;
+    std::vector<std::string> file_calls;
+    int calls_to_live = 0; ///< 0: for ever
+    std::size_t last_bytes = 0;
 };
 
 State &state()
@@ -88,6 +92,14 @@ std::string address_text(const sockaddr *address, socklen_t len)
 {
     const socklen_t right = address->sa_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
     return address_text(address) + (len == right ? "" : " of " + std::to_string(len) + " bytes");
+}
+
+/// True when the process ends with this call, which changes a file.
+bool is_last_call(const std::string &call)
+{
+    if (state().recording)
+        state().file_calls.push_back(call);
+    return state().calls_to_live > 0 && --state().calls_to_live == 0;
 }
 
 int failed(int error)
@@ -160,6 +172,17 @@ const std::vector<Sent> &sent()
     return state().sent;
 }
 
+const std::vector<std::string> &file_calls()
+{
+    return state().file_calls;
+}
+
+void end_process_at(int nth, std::size_t taken)
+{
+    state().calls_to_live = nth;
+    state().last_bytes = taken;
+}
+
 void record_nothing()
 {
     state().recording = false;
@@ -182,6 +205,9 @@ int __real_getsockname(int fd, sockaddr *address, socklen_t *len);
 ssize_t __real_sendmsg(int fd, const msghdr *message, int flags);
 int __real_close(int fd);
 ssize_t __real_write(int fd, const void *bytes, std::size_t len);
+ssize_t __real_pwrite(int fd, const void *bytes, std::size_t len, off_t offset);
+int __real_ftruncate(int fd, off_t len);
+int __real_rename(const char *from, const char *to);
 void *__real_calloc(std::size_t number, std::size_t size);
 void *__real__Znwm(std::size_t size);
 
@@ -259,9 +285,42 @@ int __wrap_close(int fd)
 
 ssize_t __wrap_write(int fd, const void *bytes, std::size_t len)
 {
+    if (is_last_call("write " + std::to_string(len))) {
+        __real_write(fd, bytes, std::min(len, state().last_bytes));
+        _exit(export_test::ENDED_AT_CALL);
+    }
     if (const int error = scripted_error("write"); error >= 0)
         return error == 0 ? __real_write(fd, bytes, len - 1) : failed(error);
     return __real_write(fd, bytes, len);
+}
+
+ssize_t __wrap_pwrite(int fd, const void *bytes, std::size_t len, off_t offset)
+{
+    if (is_last_call("pwrite " + std::to_string(len) + " at " + std::to_string(offset))) {
+        __real_pwrite(fd, bytes, std::min(len, state().last_bytes), offset);
+        _exit(export_test::ENDED_AT_CALL);
+    }
+    if (const int error = scripted_error("pwrite"); error >= 0)
+        return error == 0 ? __real_pwrite(fd, bytes, len - 1, offset) : failed(error);
+    return __real_pwrite(fd, bytes, len, offset);
+}
+
+int __wrap_ftruncate(int fd, off_t len)
+{
+    if (is_last_call("ftruncate " + std::to_string(len)))
+        _exit(export_test::ENDED_AT_CALL);
+    if (const int error = scripted_error("ftruncate"); error >= 0)
+        return failed(error);
+    return __real_ftruncate(fd, len);
+}
+
+int __wrap_rename(const char *from, const char *to)
+{
+    if (is_last_call("rename"))
+        _exit(export_test::ENDED_AT_CALL);
+    if (const int error = scripted_error("rename"); error >= 0)
+        return failed(error);
+    return __real_rename(from, to);
 }
 
 void *__wrap_calloc(std::size_t number, std::size_t size)
