@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <linux/pkt_cls.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
@@ -36,14 +37,8 @@ LibbpfState &libbpf_state()
     return state;
 }
 
-__attribute__((format(printf, 2, 0))) int print_libbpf(libbpf_print_level level, const char *format,
-                                                       va_list arguments)
+void keep_libbpf_line(libbpf_print_level level, std::string_view line)
 {
-    if (level == LIBBPF_DEBUG)
-        return 0; // a hundred lines a load
-    std::array<char, 2048> text = {};
-    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
-    std::string_view line(text.data());
     constexpr std::string_view prefix = "libbpf: ";
     if (line.substr(0, prefix.size()) == prefix)
         line.remove_prefix(prefix.size());
@@ -54,7 +49,34 @@ __attribute__((format(printf, 2, 0))) int print_libbpf(libbpf_print_level level,
         state.last_warning = line;
     if (state.log != nullptr)
         state.log->debug("libbpf: ", line);
+}
+
+__attribute__((format(printf, 2, 0))) int print_libbpf(libbpf_print_level level, const char *format,
+                                                       va_list arguments)
+{
+    if (level == LIBBPF_DEBUG)
+        return 0; // a hundred lines a load
+    std::array<char, 2048> text = {};
+    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
+    keep_libbpf_line(level, text.data());
     return length;
+}
+
+/// Runs a call of libbpf without its prints to standard error.
+template <typename Call>
+int quietly(Call call)
+{
+    const KernelWords words;
+    return call();
+}
+
+/// The error, and what libbpf or the kernel said about it.
+std::string with_last_warning(int error)
+{
+    std::string text = error_text(error);
+    if (!LibbpfLog::last_warning().empty())
+        text += " (" + LibbpfLog::last_warning() + ")";
+    return text;
 }
 
 bpf_tc_hook tc_hook(SamplerKey key)
@@ -176,6 +198,23 @@ void LibbpfLog::clear()
     libbpf_state().last_warning.clear();
 }
 
+KernelWords::KernelWords() : stream_(::open_memstream(&text_, &size_)), saved_(stderr)
+{
+    if (stream_ != nullptr)
+        stderr = stream_;
+}
+
+KernelWords::~KernelWords()
+{
+    stderr = saved_;
+    if (stream_ == nullptr)
+        return;
+    std::fclose(stream_);
+    if (size_ != 0)
+        keep_libbpf_line(LIBBPF_WARN, {text_, size_});
+    std::free(text_);
+}
+
 TcControl::TcControl(Log &log) : log_(log), socket_(open_request_socket(NETLINK_ROUTE))
 {
     if (!socket_)
@@ -208,13 +247,13 @@ int TcControl::ensure_qdisc(IFINDEX ifindex)
 {
     bpf_tc_hook hook = tc_hook({.ifindex = ifindex, .hook = Hook::ingress});
     LibbpfLog::clear();
-    const int error = bpf_tc_hook_create(&hook);
+    const int error = quietly([&hook] { return bpf_tc_hook_create(&hook); });
     if (error == 0) {
         made_qdisc_.insert(ifindex);
         return 0;
     }
     if (error != -EEXIST) {
-        reason_ = "clsact qdisc: " + error_text(error);
+        reason_ = "clsact qdisc: " + with_last_warning(error);
         return error;
     }
     // An "ingress" qdisc has the same handle but no egress side; a filter meant for egress would land on ingress.
@@ -239,12 +278,10 @@ int TcControl::attach(SamplerKey key, int prog_fd)
     place.prog_fd = prog_fd;
     place.flags = BPF_TC_F_REPLACE;
     LibbpfLog::clear();
-    const int error = bpf_tc_attach(&hook, &place);
+    const int error = quietly([&] { return bpf_tc_attach(&hook, &place); });
     if (error == 0)
         return 0;
-    reason_ = error_text(error);
-    if (!LibbpfLog::last_warning().empty())
-        reason_ += " (" + LibbpfLog::last_warning() + ")";
+    reason_ = with_last_warning(error);
     remove_empty_qdisc(key.ifindex);
     return error;
 }
@@ -254,7 +291,7 @@ void TcControl::detach(SamplerKey key)
     if (occupant(key) == Occupant::ours) {
         const bpf_tc_hook hook = tc_hook(key);
         const bpf_tc_opts place = tc_place();
-        if (const int error = bpf_tc_detach(&hook, &place);
+        if (const int error = quietly([&] { return bpf_tc_detach(&hook, &place); });
             error != 0 && error != -ENOENT && error != -ENODEV)
             log_.warning("interface #", key.ifindex, ": removal of the ", hook_name(key.hook),
                          " hook: ", error_text(error), ", the filter stays and counts nothing");
@@ -278,7 +315,8 @@ void TcControl::remove_empty_qdisc(IFINDEX ifindex)
         return;
     bpf_tc_hook hook = tc_hook({.ifindex = ifindex, .hook = Hook::ingress});
     hook.attach_point = static_cast<bpf_tc_attach_point>(BPF_TC_INGRESS | BPF_TC_EGRESS);
-    if (const int error = bpf_tc_hook_destroy(&hook); error != 0 && error != -ENODEV)
+    if (const int error = quietly([&hook] { return bpf_tc_hook_destroy(&hook); });
+        error != 0 && error != -ENODEV)
         log_.debug("interface #", ifindex, ": removal of the clsact qdisc: ", error_text(error));
     made_qdisc_.erase(ifindex);
 }

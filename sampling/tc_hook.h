@@ -10,6 +10,7 @@
 #include "log.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <unordered_set>
 
@@ -60,7 +61,8 @@ private:
     std::string reason_;
 };
 
-/// What libbpf last said about a failure, for one-line reports; installs itself as libbpf's log.
+/// What libbpf last said about a failure, for one-line reports; installs itself as libbpf's log. The kernel's own
+/// words on a refused netlink request, which libbpf prints past its log, are taken in by `KernelWords`.
 class LibbpfLog
 {
 public:
@@ -73,6 +75,25 @@ public:
     /// The last warning, without "libbpf: " and line end; empty when there was none since clear().
     [[nodiscard]] static const std::string &last_warning();
     static void clear();
+};
+
+/// While it lives, what C code prints to standard error is kept; then it is a line like libbpf's other ones: a warning
+/// at debug level. libbpf prints the kernel's text for a refused netlink request there, whatever log it was given.
+///
+/// Puts another stream in the place of `stderr`, so no other thread may print meanwhile: the service has only one.
+class KernelWords
+{
+public:
+    KernelWords();
+    ~KernelWords();
+    KernelWords(const KernelWords &) = delete;
+    KernelWords &operator=(const KernelWords &) = delete;
+
+private:
+    char *text_ = nullptr;
+    std::size_t size_ = 0;
+    std::FILE *stream_ = nullptr; ///< null: out of memory, nothing is kept
+    std::FILE *saved_ = nullptr;
 };
 
 } // namespace sampling

@@ -41,6 +41,8 @@ constexpr char SFLOW_PROCESS_NAME[] = "SFLOW";
 constexpr char SFLOW_DIR[] = "/sflow";
 constexpr char SFLOW_DEBUG_FILE[] = "/sflow/app_debug";
 constexpr char SFLOW_LOCK_FILE[] = "/sflow/sflow_lock";
+/// The longest of the paths below TMPDIR, made elsewhere: what fits it fits them all.
+constexpr char SFLOW_LONGEST_PATH[] = "/sflow/domain_socket";
 constexpr mode_t SFLOW_FILE_MODE = 0777;
 
 /// A debug file above this size is started again.
@@ -76,6 +78,13 @@ const start_step_t start_steps[] = {
     {start_dispatcher, "create pthread failure."},
 };
 
+/// `consequence` follows the length that every path has room for.
+void tell_long_directory(const char *consequence)
+{
+    sflow_tell_starter("TMPDIR is too long: at most %d characters are usable%s",
+                       SFLOW_TMP_PATH_LEN - static_cast<int>(sizeof(SFLOW_LONGEST_PATH)), consequence);
+}
+
 void tell_no_directory(int error)
 {
     const char *directory = sflow_make_tmp_path(SFLOW_DIR);
@@ -86,8 +95,7 @@ void tell_no_directory(int error)
             "TMPDIR is not set: set it to the directory below which the daemon keeps its files, "
             "for example TMPDIR=/run");
     else
-        sflow_tell_starter("TMPDIR is too long: at most %d characters are usable",
-                           SFLOW_TMP_PATH_LEN - static_cast<int>(sizeof(SFLOW_DIR)));
+        tell_long_directory("");
 }
 
 int fail_start(int line, const char *text)
@@ -249,8 +257,7 @@ int sflow_is_running()
     const char *path = sflow_make_tmp_path(SFLOW_LOCK_FILE);
     if (path == nullptr) {
         SFLOW_AGENT_DEBUG("SFLOW make path failure.");
-        sflow_tell_starter("TMPDIR is too long: at most %d characters are usable",
-                           SFLOW_TMP_PATH_LEN - static_cast<int>(sizeof(SFLOW_LOCK_FILE)));
+        tell_long_directory("");
         return -1;
     }
     const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, SFLOW_FILE_MODE);
@@ -342,6 +349,8 @@ int sflow_main()
         sflow_app_close_debug_file(&sflow_app_debug_fd);
         return -1;
     }
+    if (sflow_make_tmp_path(SFLOW_LONGEST_PATH) == nullptr)
+        tell_long_directory(", no sampling service can connect");
     if (reg_process_exit_action(0, 1) != 0)
         SFLOW_AGENT_DEBUG("sflow reg ham failure.");
     if (start_subsystems() != 0)

@@ -84,9 +84,29 @@ u_int32_t sflow_cli_ready_flags()
     return flags;
 }
 
+/// Tells operators whose report is missing; `flags` is what has reported.
+static void sflow_cli_tell_awaited(u_int32_t flags)
+{
+    // By the missing of the three bits.
+    static constexpr const char *AWAITED[] = {
+        "",
+        "interface data",
+        "the sampling service",
+        "interface data and the sampling service",
+        "access lists",
+        "interface data and access lists",
+        "the sampling service and access lists",
+        "interface data, the sampling service and access lists",
+    };
+    static_assert(sizeof(AWAITED) / sizeof(AWAITED[0]) == SFLOW_CLI_ALL_READY_FLAG + 1);
+    cli_client_awaits(AWAITED[~flags & SFLOW_CLI_ALL_READY_FLAG]);
+}
+
 int sflow_cli_timer(kx_thread_t *thread)
 {
-    if (sflow_cli_ready_flags() != SFLOW_CLI_ALL_READY_FLAG) {
+    const u_int32_t flags = sflow_cli_ready_flags();
+    sflow_cli_tell_awaited(flags);
+    if (flags != SFLOW_CLI_ALL_READY_FLAG) {
         if (kx_thread_add_timer(thread->master, sflow_cli_timer, nullptr, 1) == nullptr)
             sflow_cli_write_log(__LINE__, "add cli timer failure.");
         return 0;
@@ -145,6 +165,7 @@ static void sflow_cli_start_clients(kx_thread_master_t *master)
         sflow_cli_write_log(__LINE__, "tech init failure.");
     if (kx_thread_add_timer(master, sflow_cli_timer, nullptr, 1) == nullptr)
         sflow_cli_give_up(__LINE__, "add cli timer failure.");
+    sflow_cli_tell_awaited(sflow_cli_ready_flags());
     sflow_init_dead_detection(master);
 }
 

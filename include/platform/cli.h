@@ -345,6 +345,10 @@ int cli_add_command(cli_attach_t attach, const struct_transtion *append_point, c
 /// @return 0, or -1 when TMPDIR is not set or the socket $TMPDIR/platform/cli_socket cannot be served
 int cli_client_init(const char *name, kx_thread_master_t *master);
 
+/// Tells operators what a client that is not ready yet waits for, in words that follow "it waits for "; copied,
+/// empty: not known. Replaces what was told before. On the thread that called cli_client_init.
+void cli_client_awaits(const char *what);
+
 /// The client accepts configuration: applies $SFLOW_CONFIG_DIR/startup-config (default /etc/sflow; no file is
 /// no error), logging lines that fail with their number, then opens configuration commands to the sessions.
 /// Further calls do nothing.

@@ -268,6 +268,11 @@ bool Core::saved()
     return same;
 }
 
+std::string Core::starting() const
+{
+    return awaited_.empty() ? "sflowd is starting" : "sflowd is starting: it waits for " + awaited_;
+}
+
 void Core::set_ready()
 {
     if (ready_)

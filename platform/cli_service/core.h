@@ -22,10 +22,6 @@
 namespace cli
 {
 
-/// What a daemon that has not called cli_client_ready yet is said to do.
-constexpr std::string_view STARTING =
-    "sflowd is starting: it waits for interface data, access lists or the sampling service";
-
 class Core
 {
 public:
@@ -63,6 +59,10 @@ public:
     // Readiness.
 
     [[nodiscard]] bool ready() const { return ready_; }
+    /// What a daemon that is not ready is said to do, and what it waits for as far as that has been told.
+    [[nodiscard]] std::string starting() const;
+    /// See cli_client_awaits.
+    void set_awaited(std::string what) { awaited_ = std::move(what); }
     /// See cli_client_ready.
     void set_ready();
 
@@ -101,6 +101,7 @@ private:
     InterfaceDirectory interfaces_;
     std::string client_name_;
     bool ready_ = false;
+    std::string awaited_;
     bool startup_applied_ = false;
     RunningConfig config_;
     std::chrono::milliseconds settle_time_{1000};

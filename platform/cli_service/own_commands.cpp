@@ -32,7 +32,7 @@ bool accepts_configuration(const struct_command_data_block *record)
     cli_session_t &command = command_of(record);
     if (command.core().ready())
         return true;
-    command.write("% " + std::string(STARTING) + "\n");
+    command.write("% " + command.core().starting() + "\n");
     command.set_status(Status::not_ready);
     return false;
 }

@@ -141,6 +141,11 @@ int cli_client_init(const char *name, kx_thread_master_t *master)
     return -1;
 }
 
+void cli_client_awaits(const char *what)
+{
+    Core::instance().set_awaited(what == nullptr ? "" : what);
+}
+
 void cli_client_ready()
 {
     Core::instance().set_ready();

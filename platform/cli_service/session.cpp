@@ -99,7 +99,7 @@ void Session::hello(const std::string &argument)
     const bool ready = core_.ready();
     std::string text = console_.prompt();
     if (!ready)
-        text.append("\n").append(STARTING);
+        text.append("\n").append(core_.starting());
     send(encode_frame("state", text, {ready ? "ready" : "starting"}));
 }
 

@@ -3,6 +3,8 @@ import os
 import re
 import subprocess
 
+import pytest
+
 from harness.daemon import BIN
 from harness.domain_socket import CAPACITY, CONNECT, ServiceEnd, record
 from harness.wait import wait_for
@@ -26,7 +28,29 @@ def test_a_tmpdir_too_long_for_its_paths_is_refused_before_anything_is_created(s
     deep.mkdir()
     done = run_sflowd({**stage.sandbox.environment, "TMPDIR": str(deep)})
     assert done.returncode == 255
+    assert "at most 79 characters are usable" in done.stderr
     assert not list(deep.iterdir())
+
+
+@pytest.mark.parametrize("length, served", [(79, True), (80, False)])
+def test_a_tmpdir_of_at_most_79_characters_has_room_for_the_domain_socket(stage, length, served):
+    root = stage.sandbox.path    # short; pytest's own directory may not be
+    deep = root / ("d" * (length - len(str(root)) - 1))
+    deep.mkdir()
+    assert len(str(deep)) == length
+    stage.sandbox.environment["TMPDIR"] = str(deep)
+    daemon = stage.sandbox.start("sflowd")
+    debug_file = deep / "sflow/app_debug"
+    text = "sflow app init success." if served else "make path fail"
+    wait_for(lambda: debug_file.exists() and text in debug_file.read_text(errors="replace"), text)
+    if served:
+        wait_for((deep / "sflow/domain_socket").exists, "the domain socket")
+        assert daemon.log() == ""
+    else:
+        wait_for(lambda: "sflow app init success." in debug_file.read_text(errors="replace"), "the rest to run")
+        assert "at most 79 characters are usable, no sampling service can connect" in daemon.log()
+        assert not (deep / "sflow/domain_socket").exists()
+    assert daemon.running()
 
 
 def test_a_second_daemon_ends_and_leaves_the_first_alone(stage):
@@ -98,7 +122,8 @@ def test_without_a_configuration_request_the_command_line_is_not_ready(stage):
     result = wait_for(lambda: "starting" in (result := stage.cli("configure terminal")).errors and result,
                       "the CLI socket")
     assert result.status == 2
-    assert "sampling service" in result.errors
+    wait_for(lambda: "sflowd is starting: it waits for the sampling service\n" in
+             stage.cli("configure terminal").errors, "the one that is missing to be named")
     # What is there to see can be seen: it tells which of the three is missing.
     wait_for(lambda: "sflow lsm data over\nsflow acl data over\n" in stage.cli("show sflow status").output,
              "the other two")

@@ -338,6 +338,11 @@ int cli_client_init(const char *name, kx_thread_master_t *)
     return result ? static_cast<int>(*result) : 0;
 }
 
+void cli_client_awaits(const char *what)
+{
+    record("cli_client_awaits", "what=" + string_or_null(what));
+}
+
 void cli_client_ready()
 {
     if (!record("cli_client_ready")) {

@@ -19,6 +19,7 @@ constexpr std::string_view FUNCTIONS[] = {
     "c2p_printf",
     "cli_add_command",
     "cli_change_mode",
+    "cli_client_awaits",
     "cli_client_c2p_reform",
     "cli_client_execmd_fail",
     "cli_client_init",

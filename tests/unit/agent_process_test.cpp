@@ -522,7 +522,7 @@ TEST_F(Start, with_too_long_a_TMPDIR_creates_nothing)
     EXPECT_EQ(sflow_main(), -1);
     EXPECT_TRUE(std::filesystem::is_empty(std::getenv("TMPDIR")));
     EXPECT_EQ(threads->created, 0);
-    EXPECT_EQ(told(), "sflowd: TMPDIR is too long: at most 93 characters are usable\n");
+    EXPECT_EQ(told(), "sflowd: TMPDIR is too long: at most 79 characters are usable\n");
 }
 
 TEST_F(Start, with_the_longest_TMPDIR_for_the_directory_stops_at_the_lock_file)
@@ -531,8 +531,34 @@ TEST_F(Start, with_the_longest_TMPDIR_for_the_directory_stops_at_the_lock_file)
     std::filesystem::create_directory(std::getenv("TMPDIR"));
     EXPECT_EQ(sflow_main(), -1);
     EXPECT_EQ(threads->created, 0);
-    EXPECT_EQ(told(), "sflowd: TMPDIR is too long: at most 82 characters are usable\n");
+    EXPECT_EQ(told(), "sflowd: TMPDIR is too long: at most 79 characters are usable\n");
 }
+
+struct LongDirectory {
+    size_t length;
+    const char *said;
+};
+
+class Start_in_a_long_directory : public Start, public ::testing::WithParamInterface<LongDirectory>
+{
+};
+
+TEST_P(Start_in_a_long_directory, goes_on_and_says_when_the_domain_socket_has_no_room)
+{
+    set_tmpdir(directory + "/" + std::string(GetParam().length - directory.size() - 1, 'd'));
+    std::filesystem::create_directory(std::getenv("TMPDIR"));
+    EXPECT_EQ(sflow_main(), -1);
+    EXPECT_EQ(told(), std::string(GetParam().said) + "sflowd: the main loop has ended\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lengths, Start_in_a_long_directory,
+    ::testing::Values(LongDirectory{79, ""},
+                      LongDirectory{80, "sflowd: TMPDIR is too long: at most 79 characters are usable, no "
+                                        "sampling service can connect\n"},
+                      LongDirectory{82, "sflowd: TMPDIR is too long: at most 79 characters are usable, no "
+                                        "sampling service can connect\n"}),
+    [](const auto &info) { return std::to_string(info.param.length); });
 
 TEST_F(Start, says_which_directory_it_cannot_create)
 {

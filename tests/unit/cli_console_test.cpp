@@ -536,11 +536,12 @@ TEST_F(ReadyConsoleTest, terminal_length_is_kept)
 TEST_F(ConsoleTest, before_readiness_nothing_can_be_configured_or_saved)
 {
     cli::Console console(core_, Level::privileged);
+    core_.set_awaited("access lists");
     for (const char *const line :
          {"configure terminal", "write memory", "copy running-config startup-config"}) {
         const Answer answer = run(console, line);
         EXPECT_EQ(answer.status, Status::not_ready) << line;
-        EXPECT_THAT(answer.text, HasSubstr("% sflowd is starting: it waits for")) << line;
+        EXPECT_THAT(answer.text, HasSubstr("% sflowd is starting: it waits for access lists\n")) << line;
     }
     EXPECT_EQ(console.mode(), Mode::exec);
     EXPECT_EQ(access(config_path().c_str(), F_OK), -1);

@@ -218,8 +218,12 @@ TEST_F(ServiceTest, sessions_before_readiness_are_told_so)
     const auto state = early.greet(false);
     ASSERT_TRUE(state);
     EXPECT_FALSE(state->ready);
-    EXPECT_THAT(state->reason,
-                HasSubstr("it waits for interface data, access lists or the sampling service"));
+    EXPECT_EQ(state->reason, "sflowd is starting");
+    thread_->run([] { cli_client_awaits("the sampling service"); });
+    Client later = Client::connect(directory_.path() + "/platform/cli_socket");
+    const auto told = later.greet(false);
+    ASSERT_TRUE(told);
+    EXPECT_EQ(told->reason, "sflowd is starting: it waits for the sampling service");
     EXPECT_EQ(state->prompt.find('\n'), std::string::npos);
     output_of(early, "configure terminal", Status::starting);
     EXPECT_EQ(output_of(early, "show fan | include alarm"), "no alarm\n");

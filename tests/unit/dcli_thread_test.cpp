@@ -77,7 +77,7 @@ TEST_F(Cli_thread, clients_start_in_order)
                      "cli_add_command", "sflow_lib_server_cli_init", "cli_add_command", "sys_add_debug",
                      "tech_client_init", "tech_module_reg_dump_file", "tech_reg_status_func",
                      "cli_add_command", "tech_reg_service_callback", "kx_thread_add_timer",
-                     "sflow_init_dead_detection", "kx_thread_master_finish"}));
+                     "cli_client_awaits", "sflow_init_dead_detection", "kx_thread_master_finish"}));
     EXPECT_EQ(fake::calls("cli_client_init").size(), 1U);
     EXPECT_NE(fake::calls("cli_client_init")[0].find("sflow_cli"), std::string::npos);
     EXPECT_EQ(calls("sflow_lsm_init"), Lines{"master=sflow_cli_master"});
@@ -205,6 +205,25 @@ TEST_F(Cli_readiness, the_service_is_told_once_all_three_have_reported)
     EXPECT_TRUE(fake::armed().empty());
     fake::advance(10s);
     EXPECT_EQ(fake::call_count("cli_client_ready"), 1U);
+}
+
+TEST_F(Cli_readiness, operators_are_told_which_of_the_three_is_missing)
+{
+    struct Row {
+        u_int32_t flags;
+        const char *awaited;
+    };
+    kx_thread_add_timer(sflow_cli_master, sflow_cli_timer, nullptr, 1);
+    for (const Row &row :
+         {Row{0, "interface data, the sampling service and access lists"},
+          Row{1, "the sampling service and access lists"}, Row{2, "interface data and access lists"},
+          Row{4, "interface data and the sampling service"}, Row{3, "access lists"},
+          Row{5, "the sampling service"}, Row{6, "interface data"}, Row{7, ""}}) {
+        fake::forget_calls();
+        sflow_agent.cli_ready_flag = row.flags;
+        fake::advance(1s);
+        EXPECT_EQ(fake::calls("cli_client_awaits"), Lines{std::string("what=") + row.awaited}) << row.flags;
+    }
 }
 
 TEST_F(Cli_readiness, a_timer_that_cannot_be_armed_again_is_told)

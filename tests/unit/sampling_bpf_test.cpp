@@ -363,6 +363,41 @@ TEST_F(BpfBackend_construction, a_qdisc_of_another_kind_refuses_the_hook_with_it
     EXPECT_EQ(tc.last_reason(), "the interface has a qdisc of kind \"ingress\" in the place of clsact");
 }
 
+TEST(TcHook_KernelWords, keeps_what_c_code_prints_to_standard_error)
+{
+    LogLines log;
+    const LibbpfLog libbpf(log.log);
+    testing::internal::CaptureStderr();
+    {
+        const KernelWords words;
+        std::fprintf(stderr, "Kernel error message: %s\n", "Exclusivity flag on");
+    }
+    std::fprintf(stderr, "after\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "after\n");
+    EXPECT_EQ(LibbpfLog::last_warning(), "Kernel error message: Exclusivity flag on");
+    EXPECT_EQ(log.lines, std::vector<std::string>{"libbpf: Kernel error message: Exclusivity flag on"});
+}
+
+TEST(TcHook_KernelWords, silence_is_no_warning)
+{
+    LogLines log;
+    const LibbpfLog libbpf(log.log);
+    {
+        const KernelWords words;
+    }
+    EXPECT_EQ(LibbpfLog::last_warning(), "");
+    EXPECT_TRUE(log.lines.empty());
+}
+
+TEST_F(BpfBackend_construction, both_hooks_of_an_interface_print_nothing_past_the_log)
+{
+    Kernel kernel;
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(kernel.start(Hook::ingress, 1), Answer::ok);
+    ASSERT_EQ(kernel.start(Hook::egress, 1), Answer::ok); // finds the qdisc there
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(BpfBackend_construction, capacity_has_no_access_lists)
 {
     const Kernel kernel;
