@@ -16,16 +16,27 @@ extern bool sflow_debug_export;
 extern bool sflow_debug_conf;
 extern bool sflow_debug_skt; ///< can be set and is listed, but gates nothing
 
-#define SFLOW_LOG_GATED(on, ...)                                                                             \
+/// Whether a format begins with its category's tag.
+constexpr bool sflow_has_tag(const char *format, const char *tag)
+{
+    while (*tag != '\0') {
+        if (*format++ != *tag++)
+            return false;
+    }
+    return true;
+}
+
+#define SFLOW_LOG_GATED(on, tag, format, ...)                                                                \
     do {                                                                                                     \
+        static_assert(sflow_has_tag(format, tag), "the format's tag is another category's");                 \
         if (sflow_load(sflow_debug_all) || sflow_load(on))                                                   \
-            printk_syslog_ext(7, "UNKNOW_MODULE", "DEBUG", 2, __VA_ARGS__);                                  \
+            printk_syslog_ext(7, "UNKNOW_MODULE", "DEBUG", 2, format __VA_OPT__(, ) __VA_ARGS__);            \
     } while (0)
 
-/// Formats begin with "[SFLOW-CONF]", "[SFLOW-EVENT]" and "[SFLOW-EXPT]" respectively.
-#define SFLOW_LOG_CONF(...) SFLOW_LOG_GATED(sflow_debug_conf, __VA_ARGS__)
-#define SFLOW_LOG_EVENT(...) SFLOW_LOG_GATED(sflow_debug_event, __VA_ARGS__)
-#define SFLOW_LOG_EXPT(...) SFLOW_LOG_GATED(sflow_debug_export, __VA_ARGS__)
+/// The tag at the beginning of the format and the switch in front of it belong together; the compiler checks it.
+#define SFLOW_LOG_CONF(...) SFLOW_LOG_GATED(sflow_debug_conf, "[SFLOW-CONF]", __VA_ARGS__)
+#define SFLOW_LOG_EVENT(...) SFLOW_LOG_GATED(sflow_debug_event, "[SFLOW-EVENT]", __VA_ARGS__)
+#define SFLOW_LOG_EXPT(...) SFLOW_LOG_GATED(sflow_debug_export, "[SFLOW-EXPT]", __VA_ARGS__)
 
 /// Event counters since start; relaxed.
 struct sflow_debug_statis_t {

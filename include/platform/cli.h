@@ -327,11 +327,11 @@ enum cli_attach_t : int {
 
 /// Hooks a tree in. Trees of one attach point are tried, and printed in the running configuration, in the
 /// order of their registration; a tree of PARSE_ADD_CFG_CMD that is nothing but a c2p node prints the
-/// interface sections and comes after the others. A second registration of the same name at the same attach
-/// point replaces the first. Any thread.
+/// interface sections and comes after the others. A tree that is there already stays in its place; only its name
+/// is taken over. Any thread.
 ///
 /// @param append_point  transition with append_point_action; it and the tree stay for the process's life
-/// @param name          names the registration in diagnostics; copied
+/// @param name          names the registration in diagnostics, several may have the same; copied
 /// @return 0, or -1 when an argument is nullptr, the attach point unknown or the tree not sound: a node
 ///         without text, action, predicate or handler, or with a slot of another kind than its argument
 int cli_add_command(cli_attach_t attach, const struct_transtion *append_point, const char *name);

@@ -107,7 +107,7 @@ bool Grammar::add(cli_attach_t attach, const struct_transtion *root, std::string
     std::vector<Registration> &trees = trees_[attach];
     Registration entry{std::string(name), root, check.only_c2p()};
     const auto same =
-        std::find_if(trees.begin(), trees.end(), [&](const Registration &r) { return r.name == name; });
+        std::find_if(trees.begin(), trees.end(), [&](const Registration &r) { return r.root == root; });
     if (same != trees.end())
         *same = std::move(entry);
     else

@@ -68,6 +68,32 @@ def test_an_unwritable_tmpdir_is_named(stage):
     assert "/proc/no-such-place" in done.stderr
 
 
+def test_a_lock_file_that_cannot_be_opened_is_named(stage):
+    (stage.sandbox.path / "sflow/sflow_lock").mkdir(parents=True)
+    done = run_sflowd(stage.sandbox.environment)
+    assert done.returncode == 255
+    assert f"cannot open the lock file {stage.sandbox.path}/sflow/sflow_lock: Is a directory\n" in done.stderr
+    assert "SFLOW create file lock failure." in stage.sandbox.debug_file()
+
+
+def test_a_broken_platform_file_ends_the_daemon_for_want_of_a_role(stage):
+    (stage.sandbox.config / "platform.toml").write_text("[syslog\n")
+    done = run_sflowd(stage.sandbox.environment)
+    assert "sflowd: cannot use the redundancy service: " in done.stderr
+    assert "The platform's log may say more." in done.stderr
+
+
+def test_the_daemon_explains_its_options(stage):
+    asked = subprocess.run([str(BIN / "sflowd"), "--help"], capture_output=True, text=True)
+    assert asked.returncode == 0
+    assert asked.stdout.startswith("Usage: sflowd [--help | --version]\n") and "TMPDIR" in asked.stdout
+    mistaken = subprocess.run([str(BIN / "sflowd"), "--bogus"], capture_output=True, text=True)
+    assert mistaken.returncode == 2
+    assert mistaken.stderr == f'sflowd: unknown argument "--bogus"\n{asked.stdout}'
+    assert re.fullmatch(r"sflowd [\d.]+\n", subprocess.run([str(BIN / "sflowd"), "--version"], capture_output=True,
+                                                           text=True).stdout)
+
+
 def test_threads_bear_their_names(stage):
     daemon = stage.ready().daemon
     comm = subprocess.run(["ps", "-T", "-o", "comm=", "-p", str(child_of(daemon))], capture_output=True, text=True)

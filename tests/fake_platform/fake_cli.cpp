@@ -353,6 +353,7 @@ void cli_client_ready()
 
 int cli_printf(const char *format, ...)
 {
+    note_format(format);
     va_list args;
     va_start(args, format);
     const std::string printed = zvformat(format, args);
@@ -376,6 +377,7 @@ int c2p_printf(int non_default, struct_command_data_block *rec, const char *form
     if (const auto result = scripted("c2p_printf")) {
         return static_cast<int>(*result);
     }
+    note_format(format);
     va_list args;
     va_start(args, format);
     const std::string line = zvformat(format, args);

@@ -4,6 +4,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <set>
 
 namespace fake
 {
@@ -104,6 +106,35 @@ Core &core()
     return the_core;
 }
 
+class FormatNotes
+{
+public:
+    FormatNotes() : path_(std::getenv("SFLOW_NOTE_FORMATS")) {}
+    FormatNotes(const FormatNotes &) = delete;
+    FormatNotes &operator=(const FormatNotes &) = delete;
+    ~FormatNotes()
+    {
+        if (path_ == nullptr) {
+            return;
+        }
+        std::ofstream file(path_, std::ios::app);
+        for (const std::string &format : formats_) {
+            file << format << '\0';
+        }
+    }
+
+    void add(const char *format)
+    {
+        if (path_ != nullptr) {
+            formats_.insert(format);
+        }
+    }
+
+private:
+    const char *const path_;
+    std::set<std::string, std::less<>> formats_;
+};
+
 void check_name(std::string_view function)
 {
     if (!std::binary_search(std::begin(FUNCTIONS), std::end(FUNCTIONS), function)) {
@@ -145,6 +176,13 @@ void give_up(const std::string &reason)
 {
     std::fprintf(stderr, "fake platform: %s\n", reason.c_str());
     std::abort();
+}
+
+void note_format(const char *format)
+{
+    static FormatNotes notes;
+    const Lock lock = lock_state();
+    notes.add(format);
 }
 
 std::string vtext(const char *format, va_list args)

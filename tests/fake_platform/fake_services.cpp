@@ -485,6 +485,7 @@ int get_cores_affinity(cores_affinity_req_t *request)
 
 void printk_syslog_ext(int level, const char *module, const char *mnemonic, int dest, const char *format, ...)
 {
+    note_format(format);
     va_list args;
     va_start(args, format);
     std::string line = vtext(format, args);

@@ -36,6 +36,10 @@ std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
 /// "(null)" for nullptr.
 std::string string_or_null(const char *value);
 
+/// Notes what the code under test hands to the log or to an operator. When the environment names a file in
+/// SFLOW_NOTE_FORMATS, all formats are appended to it, each ended by a NUL, as the program ends. Nothing otherwise.
+void note_format(const char *format);
+
 /// Says what is wrong and ends the test program.
 [[noreturn]] void give_up(const std::string &reason);
 

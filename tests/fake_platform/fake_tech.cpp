@@ -176,6 +176,7 @@ int tech_reg_service_callback(const char *name, kx_thread_master_t *master, tech
 
 void tech_module_msg_output(const char *format, ...)
 {
+    note_format(format);
     va_list args;
     va_start(args, format);
     const std::string written = zvformat(format, args);

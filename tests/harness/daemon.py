@@ -28,7 +28,7 @@ class Process:
         self.name = name
         self.log_path = sandbox.path / f"{name}.log"
         self._log = open(self.log_path, "ab")
-        command = [str(BIN / name), *map(str, arguments)]
+        command = [*sandbox.wrapper, str(BIN / name), *map(str, arguments)]
         if sandbox.namespace:
             command = sandbox.namespace.command(*command)
         self.popen = subprocess.Popen(command, env=sandbox.environment, stdin=subprocess.DEVNULL, stdout=self._log,
@@ -76,6 +76,7 @@ class Sandbox:
         self.environment = {**os.environ, "TMPDIR": str(self.path), "SFLOW_CONFIG_DIR": str(self.config)}
         self.processes = []
         self._small_disks = []
+        self.wrapper = []    # words in front of the programs started from here on
 
     @property
     def domain_socket(self):

@@ -153,14 +153,25 @@ TEST(Grammar_add, refuses_unknown_attach_points)
     EXPECT_FALSE(grammar.add(PARSE_ADD_CFG_CMD, nullptr, "x"));
 }
 
-TEST(Grammar_add, same_name_replaces_in_place)
+TEST(Grammar_add, the_same_tree_again_stays_in_its_place)
 {
     cli::Grammar grammar = sample::grammar();
     const std::size_t before = grammar.at(PARSE_ADD_CFG_CMD).size();
-    EXPECT_TRUE(grammar.add(PARSE_ADD_CFG_CMD, sample::trees()[3].root, "interface fan show run"));
+    ASSERT_GT(before, 1U);
+    const struct_transtion *first = grammar.at(PARSE_ADD_CFG_CMD)[0].root;
+    EXPECT_TRUE(grammar.add(PARSE_ADD_CFG_CMD, first, "another name"));
     ASSERT_EQ(grammar.at(PARSE_ADD_CFG_CMD).size(), before);
-    EXPECT_EQ(grammar.at(PARSE_ADD_CFG_CMD)[0].root, sample::trees()[3].root);
-    EXPECT_FALSE(grammar.at(PARSE_ADD_CFG_CMD)[0].only_c2p);
+    EXPECT_EQ(grammar.at(PARSE_ADD_CFG_CMD)[0].root, first);
+    EXPECT_EQ(grammar.at(PARSE_ADD_CFG_CMD)[0].name, "another name");
+}
+
+TEST(Grammar_add, trees_of_the_same_name_stand_beside_one_another)
+{
+    cli::Grammar grammar = sample::grammar();
+    const std::size_t before = grammar.at(PARSE_ADD_SHOW_CMD).size();
+    const std::string name = grammar.at(PARSE_ADD_SHOW_CMD).back().name;
+    EXPECT_TRUE(grammar.add(PARSE_ADD_SHOW_CMD, sample::trees()[3].root, name));
+    EXPECT_EQ(grammar.at(PARSE_ADD_SHOW_CMD).size(), before + 1);
 }
 
 TEST(LineFilter_write, judges_whole_lines_whatever_the_pieces)

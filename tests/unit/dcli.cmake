@@ -38,3 +38,12 @@ sflow_unit_test(dcli_daemon_test
         sflow_app fake_platform
     LINK_OPTIONS
         -Wl,--wrap=pthread_create)
+
+# Logging on the way of a sampled packet; counts what puts text together.
+sflow_unit_test(flow_log_test
+    SOURCES
+        flow_log_test.cpp
+    LIBS
+        sflow_app fake_platform
+    LINK_OPTIONS
+        -Wl,--wrap=pthread_create -Wl,--wrap=snprintf -Wl,--wrap=vsnprintf -Wl,--wrap=strerror)
