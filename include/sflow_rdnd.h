@@ -1,7 +1,9 @@
 // Redundancy: the handlers of the redundancy service's events (module sflow_agent). The checkpoint message
 // and the senders of single updates stand with the counter cache, in sflow_poller.h.
 //
-// Only the active unit ticks and exports. It keeps the standby's counter cache equal to its own, so that the
+// Only the active unit ticks and exports. What a standby encodes is dropped where it would be sent, and every change of
+// roles begins with an empty datagram, so that a unit which becomes active again never sends samples from its last
+// time; counters would seem to run backwards. The active unit keeps the standby's counter cache equal to its own, so that the
 // counters that a new active unit exports go on without a jump. Everything here runs on the redundancy thread
 // "sflow_rdnd", which enters its loop when the agent record is complete: no event meets a lock that does not
 // exist yet.
@@ -11,6 +13,14 @@
 
 /// Version of the checkpoint messages (rdnd_sflow_counter_t); a peer must speak the same.
 constexpr unsigned long SFLOW_RDND_VERSION = 1;
+
+/// Whether another unit exports, so that this one must not: it is a standby, or a candidate for one. A unit whose role is
+/// not known yet, or not managed, exports. Any thread, any lock.
+inline bool sflow_rdnd_is_passive()
+{
+    const rdnd_role role = rdnd_get_role();
+    return role == RDND_ROLE_SLAVE || role == RDND_ROLE_CANDIDATE;
+}
 
 /// Judges the peer's version of the checkpoint messages: RDND_VERCHK_ERROR on a unit that is neither master
 /// nor slave, RDND_VERCHK_PASS for SFLOW_RDND_VERSION, RDND_VERCHK_NG for any other.

@@ -143,7 +143,8 @@ void sflow_receiver_get_interface_info(IFINDEX ifx, u_int64_t *speed, u_int32_t 
 /// Finishes the current datagram (header with the agent address, `seqno`, uptime in ms and number of
 /// samples), sends it to the collector and starts the next one; the buffer is not cleared. 0: sent,
 /// attempted, or nothing to send; -1: no socket could be bound, the pending samples are discarded and the
-/// sequence number is not used up. What the kernel refuses or cuts short is counted in sflow_statis and not
+/// sequence number is not used up. A unit that is passive (sflow_rdnd.h) discards them as well, with result 0.
+/// What the kernel refuses or cuts short is counted in sflow_statis and not
 /// sent again.
 int sflow_receiver_send_sample(sflreceiver_t *receiver);
 /// The same, result ignored.

@@ -55,6 +55,10 @@ int act_nothing(int, void *)
 int act_switchover(int, void *)
 {
     sflow_agent_timer_cancel(&sflow_agent);
+    // What is pending leaves while this unit is still the active one, and is dropped when it is not.
+    sflow_config_wrlock();
+    sflow_receiver_send_all_receiver_sample();
+    sflow_config_wrunlock();
     rdnd_notify_completion(SFLOW_RDND_NAME, RDND_NOTIFY_SWITCHOVER);
     return 0;
 }

@@ -9,6 +9,7 @@
 
 #include "sflow_agent.h"
 #include "sflow_dbg.h"
+#include "sflow_rdnd.h"
 #include "sflow_receiver_internal.h"
 #include "sflow_v5.h"
 #include "sflow_wire.h"
@@ -452,6 +453,10 @@ int sflow_receiver_send_sample(sflreceiver_t *receiver)
 {
     if (receiver->flow_sample_num == 0 && receiver->counter_sample_num == 0)
         return 0;
+    if (sflow_rdnd_is_passive()) {
+        start_next_datagram(receiver);
+        return 0;
+    }
 
     const bool is_ipv4 = receiver->address.type == SFLOW_ADDRESS_TYPE_IPV4;
     const int bound =

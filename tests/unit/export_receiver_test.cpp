@@ -329,6 +329,44 @@ TEST_F(Receiver_send_sample, without_a_socket_discards_the_samples_and_reuses_th
     EXPECT_EQ(field(datagram, DATAGRAM_SAMPLES), 1U);
 }
 
+TEST_F(Receiver_send_sample, of_a_passive_unit_discards_the_samples_and_reuses_the_number)
+{
+    for (const rdnd_role passive : {RDND_ROLE_SLAVE, RDND_ROLE_CANDIDATE}) {
+        SCOPED_TRACE(passive);
+        reset_syscalls();
+        sflow_statis = {};
+        set_collector(1, "198.51.100.9");
+        const u_int32_t seqno = receiver(1)->seqno;
+        fake::set_role(passive);
+        write_flow(frame(64), port);
+        write_counters(port);
+        EXPECT_EQ(sflow_receiver_send_sample(receiver(1)), 0);
+        EXPECT_THAT(sent(), IsEmpty());
+        EXPECT_EQ(receiver(1)->pktlen, 28U);
+        EXPECT_EQ(receiver(1)->flow_sample_num, 0U);
+        EXPECT_EQ(receiver(1)->counter_sample_num, 0U);
+        EXPECT_EQ(sflow_statis.sflow_export_pkt_num, 0U);
+        EXPECT_EQ(sflow_statis.sflow_export_spl_fail_num, 0U);
+
+        fake::set_role(RDND_ROLE_MASTER);
+        write_flow(frame(64), port);
+        flush();
+        EXPECT_EQ(field(only_datagram(), DATAGRAM_SEQNO), seqno);
+        EXPECT_EQ(field(only_datagram(), DATAGRAM_SAMPLES), 1U);
+    }
+}
+
+TEST_F(Receiver_send_sample, of_a_unit_without_a_managed_role_exports)
+{
+    for (const rdnd_role active : {RDND_ROLE_NONE, RDND_ROLE_ALONE, RDND_ROLE_MASTER}) {
+        fake::set_role(active);
+        reset_syscalls();
+        write_flow(frame(64), port);
+        flush();
+        EXPECT_EQ(sent().size(), 1U) << active;
+    }
+}
+
 TEST_F(Receiver_send_sample, uptime_is_milliseconds_modulo_32_bits)
 {
     const struct {
