@@ -36,8 +36,8 @@ def unescaped(body):
 
 
 def literals(source):
-    """String literals of a C++ text, neighbours joined; preprocessor lines are left out."""
-    source = re.sub(r'^[ \t]*#[ \t]*include[^\n]*', "", source, flags=re.MULTILINE)
+    """String literals of a C++ text, neighbours joined; what only the compiler reads is left out."""
+    source = re.sub(r'^[ \t]*#[ \t]*include[^\n]*|\bstatic_assert\([^;]*;', "", source, flags=re.MULTILINE)
     texts, current = [], None
     for token in TOKEN.findall(source):
         if token[0] == '"':
