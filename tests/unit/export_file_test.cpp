@@ -213,6 +213,31 @@ TEST_F(Poller_file, is_right_after_every_one_of_many_changes)
     }
 }
 
+TEST_F(Poller_file, keeps_nothing_of_a_thousand_interfaces_that_came_and_went)
+{
+    set_agent_address("192.0.2.1");
+    set_collector(1, "198.51.100.9");
+    sflow_debug_conf = sflow_debug_export = sflow_debug_event = false;
+    update(1, 1);
+    for (IFINDEX ifx = 2; ifx <= 1001; ifx++) {
+        add_interface(ifx, 1, 1);
+        update(ifx, 1000);
+        sflow_msg_counter_t report = {.generic_counter = {.ifInErrors = 1}, .ether_counter = {}};
+        sflow_msg_t event = {.list = {}, .ifx = ifx, .type = SFLOW_MSG_GET_COUNTER_RSP, .msg = &report};
+        ASSERT_EQ(sflow_poller_write_countersample(&event), 0);
+        ASSERT_EQ(report.generic_counter.ifInErrors, 1001U) << "nothing of the one before";
+        // The neighbour goes every other time, so that images move as well.
+        if (ifx % 2 == 1) {
+            sflow_intf_del_notify(ifx - 1);
+            sflow_intf_del_notify(ifx);
+        }
+    }
+    EXPECT_THAT(listed(), ElementsAre(1));
+    EXPECT_EQ(find_interface(500), nullptr);
+    expect_file_is_the_cache("a thousand interfaces");
+    EXPECT_EQ(file().size(), IMAGE);
+}
+
 TEST_F(Poller_file, that_was_loaded_is_written_anew_once)
 {
     fill(3);
