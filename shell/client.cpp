@@ -1,8 +1,11 @@
 #include "client.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -10,6 +13,25 @@
 
 namespace shell
 {
+namespace
+{
+
+struct StatusWord {
+    std::string_view word;
+    Status status;
+};
+constexpr std::array<StatusWord, 3> status_words{
+    {{"ok", Status::ok}, {"starting", Status::starting}, {"cancelled", Status::cancelled}}};
+
+Status status_of(std::string_view word)
+{
+    for (const StatusWord &row : status_words)
+        if (row.word == word)
+            return row.status;
+    return Status::failed;
+}
+
+} // namespace
 
 Client::~Client()
 {
@@ -18,10 +40,8 @@ Client::~Client()
 }
 
 Client::Client(Client &&other) noexcept
-    : socket_(std::exchange(other.socket_, -1)), frames_(std::move(other.frames_)),
-      prompt_(std::move(other.prompt_)), terminal_length_(other.terminal_length_),
-      reason_(std::move(other.reason_))
 {
+    *this = std::move(other);
 }
 
 Client &Client::operator=(Client &&other) noexcept
@@ -31,6 +51,11 @@ Client &Client::operator=(Client &&other) noexcept
     std::swap(prompt_, other.prompt_);
     std::swap(terminal_length_, other.terminal_length_);
     std::swap(reason_, other.reason_);
+    std::swap(watched_, other.watched_);
+    std::swap(readable_, other.readable_);
+    std::swap(deadline_, other.deadline_);
+    std::swap(cancelled_, other.cancelled_);
+    std::swap(hung_up_, other.hung_up_);
     return *this;
 }
 
@@ -63,7 +88,11 @@ void Client::lose(std::string reason)
 bool Client::send(std::string_view verb, std::string_view argument)
 {
     std::string request(verb);
-    request.append(" ").append(argument).push_back('\n');
+    if (!argument.empty())
+        request.append(" ").append(argument);
+    // A newline would begin another request, whose answer nobody awaits.
+    std::replace(request.begin(), request.end(), '\n', ' ');
+    request.push_back('\n');
     for (std::string_view rest = request; !rest.empty();) {
         const ssize_t sent = socket_ < 0 ? -1 : ::send(socket_, rest.data(), rest.size(), MSG_NOSIGNAL);
         if (sent < 0 && socket_ >= 0 && errno == EINTR)
@@ -75,6 +104,30 @@ bool Client::send(std::string_view verb, std::string_view argument)
     return true;
 }
 
+void Client::watch(int descriptor, std::function<void()> readable)
+{
+    watched_ = descriptor;
+    readable_ = std::move(readable);
+}
+
+// Waits for bytes from the daemon. False when there is nothing to read: the wait is over, or something else came.
+bool Client::await()
+{
+    int timeout = -1;
+    if (deadline_) {
+        const auto left = *deadline_ - std::chrono::steady_clock::now();
+        timeout =
+            static_cast<int>(std::max<long>(0, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+    }
+    std::array<pollfd, 2> awaited{{{socket_, POLLIN, 0}, {watched_, POLLIN, 0}}};
+    const int ready = poll(awaited.data(), awaited.size(), timeout);
+    if (ready == 0)
+        lose("sflowd does not answer");
+    if (ready > 0 && awaited[1].revents != 0 && readable_)
+        readable_();
+    return ready > 0 && awaited[0].revents != 0 && socket_ >= 0;
+}
+
 std::optional<cli::Frame> Client::receive()
 {
     for (;;) {
@@ -84,6 +137,8 @@ std::optional<cli::Frame> Client::receive()
             lose("what answers is not sflowd");
         if (socket_ < 0)
             return std::nullopt;
+        if (!await())
+            continue;
         char buffer[16384];
         const ssize_t got = recv(socket_, buffer, sizeof buffer, 0);
         if (got > 0) {
@@ -96,13 +151,44 @@ std::optional<cli::Frame> Client::receive()
     }
 }
 
-std::optional<State> Client::greet(bool interactive)
+bool Client::cancel()
 {
+    if (std::exchange(cancelled_, true))
+        return false;
+    if (!send("cancel", {}))
+        lose(std::strerror(errno));
+    return true;
+}
+
+int Client::read_ahead_descriptor() const
+{
+    return hung_up_ || frames_.buffered() >= READ_AHEAD_LIMIT ? -1 : socket_;
+}
+
+void Client::read_ahead()
+{
+    while (read_ahead_descriptor() >= 0) {
+        char buffer[16384];
+        const ssize_t got = recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got > 0)
+            frames_.feed({buffer, static_cast<std::size_t>(got)});
+        else if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+            return;
+        else
+            hung_up_ = true; // receive() says so behind the frames that are here
+    }
+}
+
+std::optional<State> Client::greet(bool interactive, std::optional<std::chrono::milliseconds> patience)
+{
+    if (patience)
+        deadline_ = std::chrono::steady_clock::now() + *patience;
     if (!send("hello", std::string(cli::PROTOCOL_VERSION) + (interactive ? " interactive" : " batch"))) {
         lose(std::strerror(errno));
         return std::nullopt;
     }
     const auto frame = receive();
+    deadline_.reset();
     if (!frame)
         return std::nullopt;
     if (frame->tag != "state" || frame->fields.empty()) {
@@ -118,9 +204,11 @@ std::optional<State> Client::greet(bool interactive)
 // Reads until the answer is complete.
 Status Client::answer(const Output &output)
 {
+    cancelled_ = false;
     while (const auto frame = receive()) {
         if (frame->tag == "out") {
-            output(frame->text);
+            if (!cancelled_)
+                output(frame->text);
         } else if (frame->tag == "bye") {
             lose(frame->text);
             return frame->text.empty() ? Status::ended : Status::lost;
@@ -128,9 +216,7 @@ Status Client::answer(const Output &output)
             prompt_ = frame->text;
             const std::string &lines = frame->fields[1];
             std::from_chars(lines.data(), lines.data() + lines.size(), terminal_length_);
-            if (frame->fields[0] == "ok")
-                return Status::ok;
-            return frame->fields[0] == "starting" ? Status::starting : Status::failed;
+            return status_of(frame->fields[0]);
         }
     }
     return Status::lost;
@@ -145,20 +231,24 @@ Status Client::run(std::string_view line, const Output &output)
     return answer(output);
 }
 
+std::string Client::ask(std::string_view verb, std::string_view text)
+{
+    std::string said;
+    deadline_ = std::chrono::steady_clock::now() + ANSWER_PATIENCE;
+    const bool answered =
+        send(verb, text) && answer([&](std::string_view piece) { said += piece; }) != Status::lost;
+    deadline_.reset();
+    return answered ? said : std::string();
+}
+
 std::string Client::help(std::string_view text)
 {
-    std::string listing;
-    if (!send("help", text) || answer([&](std::string_view piece) { listing += piece; }) == Status::lost)
-        return {};
-    return listing;
+    return ask("help", text);
 }
 
 std::string Client::complete(std::string_view text)
 {
-    std::string words;
-    if (!send("complete", text) || answer([&](std::string_view piece) { words += piece; }) == Status::lost)
-        return {};
-    return words;
+    return ask("complete", text);
 }
 
 } // namespace shell

@@ -6,6 +6,7 @@
 #include "interactive.h"
 #include "reach.h"
 
+#include <algorithm>
 #include <charconv>
 #include <clocale>
 #include <cstdio>
@@ -17,13 +18,15 @@ namespace
 {
 
 constexpr std::string_view usage =
-    "Usage: sflow-cli [--wait SECONDS] [-c COMMAND]...\n"
+    "Usage: sflow-cli [--wait SECONDS] [--format text|json] [-c COMMAND]...\n"
     "\n"
     "The command line of sflowd. Without -c: interactive at a terminal, otherwise the\n"
     "commands are read from standard input, one a line.\n"
     "\n"
     "  -c, --command COMMAND  run COMMAND in a privileged session; may be repeated\n"
     "      --wait SECONDS     wait until sflowd takes configuration\n"
+    "      --format json      print JSON, a line for each command; for the show commands\n"
+    "                         that have such a form, the others are not run\n"
     "  -h, --help             show this text\n"
     "      --version          show the version\n"
     "\n"
@@ -36,6 +39,7 @@ constexpr std::string_view usage =
 struct Options {
     std::vector<std::string> commands;
     std::optional<std::chrono::milliseconds> wait;
+    shell::Format format = shell::Format::text;
 };
 
 enum class Parsed { run, done, mistake };
@@ -52,11 +56,18 @@ bool parse_seconds(std::string_view text, std::optional<std::chrono::millisecond
     return true;
 }
 
+bool parse_format(std::string_view text, shell::Format &format)
+{
+    format = text == "json" ? shell::Format::json : shell::Format::text;
+    return text == "json" || text == "text";
+}
+
 Parsed parse(int argc, char *argv[], Options &options)
 {
-    enum LongOnly { wait_option = 256, version_option };
+    enum LongOnly { wait_option = 256, version_option, format_option };
     static const option long_options[] = {{"command", required_argument, nullptr, 'c'},
                                           {"wait", required_argument, nullptr, wait_option},
+                                          {"format", required_argument, nullptr, format_option},
                                           {"help", no_argument, nullptr, 'h'},
                                           {"version", no_argument, nullptr, version_option},
                                           {nullptr, 0, nullptr, 0}};
@@ -75,6 +86,11 @@ Parsed parse(int argc, char *argv[], Options &options)
             if (parse_seconds(optarg, options.wait))
                 break;
             std::cerr << "sflow-cli: --wait: \"" << optarg << "\" is no number of seconds from 0 to 86400\n";
+            return Parsed::mistake;
+        case format_option:
+            if (parse_format(optarg, options.format))
+                break;
+            std::cerr << "sflow-cli: --format: \"" << optarg << "\" is neither text nor json\n";
             return Parsed::mistake;
         default:
             std::cerr << "Try 'sflow-cli --help'.\n";
@@ -98,6 +114,15 @@ void complain(std::string_view text)
     std::cerr << "sflow-cli: " << text << "\n";
 }
 
+/// What a full disk or a closed descriptor makes of the exit status.
+int output_status()
+{
+    if (std::ferror(stdout) == 0)
+        return shell::EXIT_OK;
+    complain("the output could not be written");
+    return shell::EXIT_COMMAND;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -109,6 +134,10 @@ int main(int argc, char *argv[])
         return parsed == Parsed::done ? shell::EXIT_OK : shell::EXIT_USAGE;
 
     const bool interactive = options.commands.empty() && isatty(STDIN_FILENO) != 0;
+    if (interactive && options.format == shell::Format::json) {
+        complain("--format json needs a command: give it with -c, or commands on standard input");
+        return shell::EXIT_USAGE;
+    }
     shell::Reached reached = shell::reach(shell::runtime_directory(), interactive, options.wait);
     if (!reached.state) {
         complain(reached.reason);
@@ -119,7 +148,7 @@ int main(int argc, char *argv[])
             std::cout << "% " << reached.reason << std::endl;
         return shell::interact(reached.client);
     }
-    shell::Batch batch(reached.client, to_stdout, complain);
+    shell::Batch batch(reached.client, to_stdout, complain, options.format);
     if (options.commands.empty())
         batch.run(std::cin);
     for (const std::string &command : options.commands)
@@ -127,5 +156,5 @@ int main(int argc, char *argv[])
             break;
     if (batch.exit_status() == shell::EXIT_UNREACHABLE && !reached.reason.empty())
         complain(reached.reason);
-    return batch.exit_status();
+    return std::max(batch.exit_status(), output_status());
 }

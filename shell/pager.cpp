@@ -1,5 +1,7 @@
 #include "pager.h"
 
+#include "words.h"
+
 #include <algorithm>
 
 namespace shell
@@ -41,7 +43,7 @@ void Pager::show(std::string_view text)
         const std::size_t newline = text.find('\n');
         const std::size_t length = newline == std::string_view::npos ? text.size() : newline + 1;
         write_(text.substr(0, length));
-        column_ += static_cast<int>(length);
+        column_ += static_cast<int>(cli::display_column(text, length));
         if (newline != std::string_view::npos) {
             const int rows = 1 + std::max(0, column_ - 2) / columns_;
             left_ = std::max(0, left_ - rows);

@@ -19,6 +19,8 @@ public:
 
     /// Pauses whenever a page is full. After `q` the rest is dropped.
     void show(std::string_view text);
+    /// The operator has seen enough.
+    [[nodiscard]] bool quit() const { return dropping_; }
 
 private:
     void pause();

@@ -1,5 +1,6 @@
 #include "reach.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +13,10 @@ namespace shell
 namespace
 {
 
-constexpr std::chrono::milliseconds between_attempts{100};
+using std::chrono::milliseconds;
+
+constexpr milliseconds between_attempts{100};
+constexpr milliseconds least_patience{1000};
 
 /// Whether a daemon runs with this directory: it holds a write lock on its lock file for as long as it lives.
 bool daemon_runs(const std::string &directory)
@@ -29,7 +33,7 @@ bool daemon_runs(const std::string &directory)
     return asked && lock.l_type != F_UNLCK;
 }
 
-Reached attempt(const std::string &directory, bool interactive)
+Reached attempt(const std::string &directory, bool interactive, milliseconds patience)
 {
     Reached reached;
     reached.client = Client::connect(directory + std::string(cli::SOCKET_PATH));
@@ -37,7 +41,7 @@ Reached attempt(const std::string &directory, bool interactive)
         reached.reason = unreachable_reason(directory, errno);
         return reached;
     }
-    reached.state = reached.client.greet(interactive);
+    reached.state = reached.client.greet(interactive, patience);
     if (!reached.state)
         reached.reason = reached.client.reason();
     else if (!reached.state->ready)
@@ -67,17 +71,21 @@ std::string unreachable_reason(const std::string &directory, int error)
 
 Reached reach(const std::string &directory, bool interactive, std::optional<std::chrono::milliseconds> wait)
 {
-    const auto deadline = std::chrono::steady_clock::now() + wait.value_or(std::chrono::milliseconds(0));
+    const auto deadline = std::chrono::steady_clock::now() + wait.value_or(milliseconds(0));
+    const auto time_left = [&] {
+        return std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+    };
     for (;;) {
-        Reached reached = attempt(directory, interactive);
+        const milliseconds patience = wait ? std::max(least_patience, time_left()) : ANSWER_PATIENCE;
+        Reached reached = attempt(directory, interactive, patience);
         const bool enough = reached.state && (reached.state->ready || !wait);
-        const auto left = deadline - std::chrono::steady_clock::now();
-        if (enough || !wait || left <= std::chrono::milliseconds(0)) {
+        const milliseconds left = time_left();
+        if (enough || !wait || left <= milliseconds(0)) {
             if (!enough)
                 reached.state.reset();
             return reached;
         }
-        std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(between_attempts, left));
+        std::this_thread::sleep_for(std::min(between_attempts, left));
     }
 }
 

@@ -29,6 +29,7 @@ enum class Status {
     failed,    ///< the handler marked it failed
     refused,   ///< not a command
     not_ready, ///< the daemon does not take configuration yet
+    cancelled, ///< the operator did not wait for its end
 };
 
 /// Output of threads that waits for the service's thread, in bytes; what exceeds it is lost and the command fails.

@@ -29,12 +29,22 @@ std::string name_of(IFINDEX ifindex)
 
 } // namespace
 
-Console::Console(Core &core, Level level, Mode mode) : core_(core), level_(level), mode_(mode) {}
+Console::Console(Core &core, Level level, Mode mode) : core_(core), level_(level), mode_(mode)
+{
+    core_.add_console(*this);
+}
 
 Console::~Console()
 {
+    cancel();
+    core_.remove_console(*this);
+}
+
+void Console::cancel()
+{
     if (command_)
         command_->abandon();
+    command_.reset();
 }
 
 Place Console::place() const

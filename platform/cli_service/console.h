@@ -31,6 +31,9 @@ public:
     void run(std::string_view line, std::optional<std::size_t> indent, cli_session_t::Sink sink,
              cli_session_t::Done done);
     [[nodiscard]] bool busy() const { return command_ != nullptr; }
+    /// Lets go of the command in progress: its output goes nowhere from now on and `done` is not called. Threads that
+    /// carry it on are not stopped.
+    void cancel();
 
     [[nodiscard]] std::vector<Choice> help(std::string_view text) const;
     [[nodiscard]] std::vector<std::string> complete(std::string_view text) const;
@@ -39,6 +42,9 @@ public:
 
     // For the service's own commands.
 
+    /// Whose console this is, in words for other operators and for the log; empty when it is nobody's.
+    void set_owner(std::string owner) { owner_ = std::move(owner); }
+    [[nodiscard]] const std::string &owner() const { return owner_; }
     [[nodiscard]] Mode mode() const { return mode_; }
     void set_level(Level level) { level_ = level; }
     /// Leaves interface and range modes too.
@@ -61,6 +67,7 @@ private:
     void call_for_range(cli_session_t &command, const Interpreter &interpreter);
 
     Core &core_;
+    std::string owner_;
     Level level_;
     Mode mode_;
     IFINDEX ifindex_ = 0;

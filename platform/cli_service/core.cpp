@@ -37,6 +37,29 @@ std::vector<std::string> interface_names()
     return names;
 }
 
+std::vector<std::string> vrf_names()
+{
+    std::vector<std::string> names;
+    for (lsm_if_record_t &interface : lsm_if_walk())
+        if (interface.type == LSM_IF_TYPE_VRF && (interface.flags & LSM_IF_FLAG_INTERNAL) == 0)
+            names.push_back(std::move(interface.name));
+    return names;
+}
+
+struct NamedThings {
+    std::string_view keyword;
+    std::vector<std::string> (*names)();
+};
+constexpr std::array<NamedThings, 1> named_things{{{"vrf", vrf_names}}};
+
+std::vector<std::string> named_behind(std::string_view keyword)
+{
+    for (const NamedThings &row : named_things)
+        if (row.keyword == keyword)
+            return row.names();
+    return {};
+}
+
 std::string config_file_heading()
 {
     std::array<char, 32> now{};
@@ -81,7 +104,8 @@ Core &Core::instance()
 Core::Core()
     : interfaces_{.index_of = index_of,
                   .kinds_of = [](u_int32_t ifindex) -> u_int64_t { return lsm_if_get_kind_mask(ifindex); },
-                  .names = interface_names},
+                  .names = interface_names,
+                  .named_behind = named_behind},
       grammar_(std::make_shared<const Grammar>())
 {
 }
@@ -170,6 +194,15 @@ std::shared_ptr<cli_session_t> Core::carried_here()
     const platform::MutexLock guard(carriers_lock_);
     const auto found = carriers_.find(pthread_self());
     return found == carriers_.end() ? nullptr : found->second;
+}
+
+std::vector<std::string> Core::others_configuring(const Console &asking) const
+{
+    std::vector<std::string> owners;
+    for (const Console *const console : consoles_)
+        if (console != &asking && console->mode() != Mode::exec && !console->owner().empty())
+            owners.push_back(console->owner());
+    return owners;
 }
 
 bool Core::collect(int64_t status_bit)

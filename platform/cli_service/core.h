@@ -66,6 +66,13 @@ public:
     /// See cli_client_ready.
     void set_ready();
 
+    // Consoles.
+
+    void add_console(const Console &console) { consoles_.push_back(&console); }
+    void remove_console(const Console &console) { std::erase(consoles_, &console); }
+    /// Owners of the other consoles that are in a configuration mode, in the order in which they came.
+    [[nodiscard]] std::vector<std::string> others_configuring(const Console &asking) const;
+
     // Configuration.
 
     /// Collects the running configuration and keeps it.
@@ -103,6 +110,7 @@ private:
     bool ready_ = false;
     std::string awaited_;
     bool startup_applied_ = false;
+    std::vector<const Console *> consoles_;
     RunningConfig config_;
     std::chrono::milliseconds settle_time_{1000};
     std::atomic<std::chrono::steady_clock::time_point> last_change_{std::chrono::steady_clock::time_point{}};

@@ -38,6 +38,7 @@ void Matcher::begin(const transition_t *root, const record_t &start)
     records_.front().parser = this;
     positions_.assign(1, {root, 0});
     rest_.reset();
+    last_keyword_ = "";
 }
 
 // Follows everything that takes no input from positions_, filling waiting_ and ends_ in the order of the graph.
@@ -279,6 +280,7 @@ Matcher::Advance Matcher::advance(std::string_view word)
         }
         accept(node, record);
     }
+    last_keyword_ = chosen == nullptr ? "" : chosen;
     return positions_.empty() ? Advance::stuck : Advance::moved;
 }
 
@@ -340,8 +342,12 @@ void Matcher::offer(std::vector<Choice> &list, const Waiting &node, std::string_
     case Argument::string: {
         // Without a text it only catches what a node before it does not know.
         const auto &string = *static_cast<const struct_common_string *>(argument);
-        if (string.pHelp[0] != '\0')
-            list.push_back({"WORD", string.pHelp, false});
+        if (string.pHelp[0] == '\0')
+            break;
+        list.push_back({"WORD", string.pHelp, false});
+        for (const std::string &name : interfaces_.named_behind(last_keyword_))
+            if (name.starts_with(partial))
+                list.push_back({name, string.pHelp, true});
         break;
     }
     case Argument::interface: {

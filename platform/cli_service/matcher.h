@@ -21,11 +21,15 @@ namespace cli
 
 enum class Level { user, privileged };
 
-/// The interfaces that lines may name. Every member must be set.
+/// The interfaces, and other things, that lines may name. Every member must be set.
 struct InterfaceDirectory {
     std::function<u_int32_t(std::string_view name)> index_of; ///< 0: no such interface
     std::function<u_int64_t(u_int32_t ifindex)> kinds_of;     ///< bits of lsm_if_get_kind_mask
     std::function<std::vector<std::string>()> names;
+    /// What the free word behind `keyword` may name, for help and completion; other words are taken all the same.
+    std::function<std::vector<std::string>(std::string_view keyword)> named_behind = [](std::string_view) {
+        return std::vector<std::string>();
+    };
 };
 
 /// What a line, or the words of it, came to.
@@ -116,7 +120,8 @@ private:
     std::vector<Waiting> waiting_;
     std::vector<End> ends_;
     std::size_t current_ = 0;
-    std::optional<Waiting> rest_; ///< the node that took the rest of the line
+    const char *last_keyword_ = ""; ///< the word before, when it was one
+    std::optional<Waiting> rest_;   ///< the node that took the rest of the line
 };
 
 } // namespace cli

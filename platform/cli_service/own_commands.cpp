@@ -47,10 +47,16 @@ void disable(struct_command_data_block *record)
     console_of(record).set_level(Level::user);
 }
 
+// Everybody who configures works on the one running configuration, command by command. Who comes second is told.
 void configure(struct_command_data_block *record)
 {
-    if (accepts_configuration(record))
-        console_of(record).enter(Mode::config);
+    if (!accepts_configuration(record))
+        return;
+    Console &console = console_of(record);
+    cli_session_t &command = command_of(record);
+    for (const std::string &owner : command.core().others_configuring(console))
+        command.write("% The session of " + owner + " is in configuration mode too\n");
+    console.enter(Mode::config);
 }
 
 void leave(struct_command_data_block *record)

@@ -44,6 +44,10 @@ public:
     void feed(std::string_view bytes) { buffer_ += bytes; }
     /// The next whole line; a carriage return before the newline is dropped.
     [[nodiscard]] std::optional<Line> next();
+    /// Takes the first line that is exactly `line` out of what next() would give, whatever stands before it.
+    [[nodiscard]] bool take(std::string_view line);
+    /// Whether next() has one.
+    [[nodiscard]] bool has_line() const { return buffer_.find('\n') != std::string::npos; }
     [[nodiscard]] std::size_t buffered() const { return buffer_.size(); }
 
 private:
@@ -70,9 +74,14 @@ public:
     [[nodiscard]] std::optional<Frame> next();
     /// What came is not a frame; nothing more is read.
     [[nodiscard]] bool broken() const { return broken_; }
+    /// Bytes that next() has not given out yet.
+    [[nodiscard]] std::size_t buffered() const { return buffer_.size() - begin_; }
 
 private:
+    void drop(std::size_t bytes);
+
     std::string buffer_;
+    std::size_t begin_ = 0; ///< of what next() has not given out
     bool broken_ = false;
 };
 

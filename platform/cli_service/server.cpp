@@ -19,6 +19,8 @@ constexpr int log_warning = 4;
 constexpr mode_t directory_mode = 0750;
 constexpr mode_t socket_mode = 0660;
 constexpr int backlog = 64;
+/// Sessions taken from the queue before those that are there get their turn.
+constexpr int accepted_per_turn = 64;
 constexpr long accept_retry_seconds = 1;
 
 std::string reason(const std::string &what)
@@ -42,6 +44,16 @@ bool secure(const std::string &path, mode_t mode)
 {
     const bool given = chown(path.c_str(), static_cast<uid_t>(-1), operators_group()) == 0 || geteuid() != 0;
     return given && chmod(path.c_str(), mode) == 0;
+}
+
+/// The process at the other end. By numbers: looking up a user's name may ask another machine.
+std::string owner_of(int socket)
+{
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return "an unknown user";
+    return "user " + std::to_string(peer.uid) + " (process " + std::to_string(peer.pid) + ")";
 }
 
 } // namespace
@@ -113,7 +125,7 @@ int Server::on_retry(kx_thread_t *thread)
 void Server::accept_all()
 {
     acceptor_ = nullptr;
-    for (;;) {
+    for (int taken = 0; taken < accepted_per_turn; ++taken) {
         Descriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket) {
             add(std::move(socket));
@@ -144,8 +156,10 @@ void Server::add(Descriptor socket)
     }
     Connection &connection = connections_.emplace_back();
     connection.server = this;
+    connection.owner = owner_of(socket.get());
     connection.socket = std::move(socket);
-    connection.session = std::make_unique<Session>(core_, [this, &connection] { arm(connection); });
+    connection.session = std::make_unique<Session>(
+        core_, [this, &connection] { arm(connection); }, connection.owner);
     arm(connection);
 }
 
@@ -163,6 +177,8 @@ void Server::arm(Connection &connection)
     const int fd = connection.socket.get();
     if (connection.reader == nullptr && connection.session->wants_input())
         connection.reader = kx_thread_add_read(master_, on_read, &connection, fd);
+    if (connection.turn == nullptr && connection.session->wants_turn())
+        connection.turn = kx_thread_add_event(master_, on_turn, &connection);
     if (connection.writer == nullptr && connection.session->has_output())
         connection.writer = kx_thread_add_write(master_, on_write, &connection, fd);
     if (connection.stall == nullptr && connection.session->has_output()) {
@@ -219,10 +235,23 @@ int Server::on_write(kx_thread_t *thread)
     return 0;
 }
 
+int Server::on_turn(kx_thread_t *thread)
+{
+    Connection &connection = *static_cast<Connection *>(kx_thread_arg(thread));
+    connection.turn = nullptr;
+    connection.session->take_turn();
+    connection.server->arm(connection);
+    return 0;
+}
+
 int Server::on_close(kx_thread_t *thread)
 {
     Connection &connection = *static_cast<Connection *>(kx_thread_arg(thread));
     connection.closer = nullptr;
+    if (connection.session->overflowed())
+        printk_syslog_ext(log_warning, "CLI", "SESSION", SYSLOG_DEST_OPERATOR,
+                          "the session of %s lets more than %zu MiB of output gather: closed",
+                          connection.owner.c_str(), OUTPUT_LIMIT >> 20);
     connection.server->close(connection);
     return 0;
 }
@@ -240,7 +269,7 @@ int Server::on_stall(kx_thread_t *thread)
     }
     if (there)
         printk_syslog_ext(log_warning, "CLI", "SESSION", SYSLOG_DEST_OPERATOR,
-                          "a session does not take its output: closed");
+                          "the session of %s does not take its output: closed", connection.owner.c_str());
     server.close(connection);
     return 0;
 }
@@ -248,10 +277,10 @@ int Server::on_stall(kx_thread_t *thread)
 void Server::cancel_tasks(Connection &connection)
 {
     for (kx_thread_t *const task :
-         {connection.reader, connection.writer, connection.stall, connection.closer})
+         {connection.reader, connection.writer, connection.stall, connection.turn, connection.closer})
         if (task != nullptr)
             kx_thread_cancel(task);
-    connection.reader = connection.writer = connection.stall = connection.closer = nullptr;
+    connection.reader = connection.writer = connection.stall = connection.turn = connection.closer = nullptr;
 }
 
 void Server::close(Connection &connection)

@@ -43,10 +43,12 @@ private:
     struct Connection {
         Server *server = nullptr;
         Descriptor socket;
+        std::string owner; ///< for the log
         std::unique_ptr<Session> session;
         kx_thread_t *reader = nullptr;
         kx_thread_t *writer = nullptr;
         kx_thread_t *stall = nullptr;
+        kx_thread_t *turn = nullptr;
         kx_thread_t *closer = nullptr;
         bool progressed = false; ///< bytes were taken since the stall timer was armed
     };
@@ -56,6 +58,7 @@ private:
     static int on_read(kx_thread_t *thread);
     static int on_write(kx_thread_t *thread);
     static int on_stall(kx_thread_t *thread);
+    static int on_turn(kx_thread_t *thread);
     static int on_close(kx_thread_t *thread);
 
     void listen();

@@ -22,15 +22,18 @@ std::string_view status_word(Status status)
         return "refused";
     case Status::not_ready:
         return "starting";
+    case Status::cancelled:
+        return "cancelled";
     }
     return "failed";
 }
 
 } // namespace
 
-Session::Session(Core &core, std::function<void()> changed)
+Session::Session(Core &core, std::function<void()> changed, std::string owner)
     : core_(core), changed_(std::move(changed)), console_(core, Level::user)
 {
+    console_.set_owner(std::move(owner));
 }
 
 void Session::receive(std::string_view bytes)
@@ -39,6 +42,11 @@ void Session::receive(std::string_view bytes)
         return;
     input_.feed(bytes);
     serve();
+    // Ahead of what waits for the command that it is to end.
+    while (console_.busy() && input_.take("cancel")) {
+        console_.cancel();
+        finished(Status::cancelled);
+    }
 }
 
 void Session::input_ended()
@@ -47,40 +55,48 @@ void Session::input_ended()
     serve();
 }
 
-// Runs requests until one is carried on by a thread. A command that ends while it is being started must not be
-// answered by another round of this loop below itself.
+// Runs requests until one is carried on by a thread, the turn is over or the shell owes too much reading. A command that
+// ends while it is being started must not be answered by another round of this loop below itself.
 void Session::serve()
 {
     if (serving_)
         return;
     serving_ = true;
-    static constexpr std::array<Verb, 4> verbs{{{"hello", &Session::hello},
-                                                {"run", &Session::run},
-                                                {"help", &Session::help},
-                                                {"complete", &Session::complete}}};
-    while (!over_ && !console_.busy()) {
+    for (int served = 0; served < REQUESTS_PER_TURN && can_serve(); ++served) {
         const auto line = input_.next();
         if (!line)
             break;
-        const Request request = parse_request(line->text);
-        const Verb *known = nullptr;
-        for (const Verb &verb : verbs)
-            if (verb.name == request.verb)
-                known = &verb;
-        if (line->oversized && greeted_) {
-            write("% The line is too long: the limit is " + std::to_string(LINE_LIMIT) + " characters\n");
-            finished(Status::refused);
-        } else if (known == nullptr || (!greeted_ && known->handler != &Session::hello)) {
-            end("this is not the protocol of sflow-cli");
-        } else {
-            (this->*known->handler)(request.argument);
-        }
+        serve_one(*line);
     }
     serving_ = false;
-    if (input_ended_ && !over_ && !console_.busy()) {
+    if (wants_turn())
+        changed_();
+    if (input_ended_ && !over_ && !console_.busy() && !input_.has_line()) {
         flush_text();
         over_ = true;
         changed_();
+    }
+}
+
+void Session::serve_one(const RequestReader::Line &line)
+{
+    static constexpr std::array<Verb, 5> verbs{{{"hello", &Session::hello},
+                                                {"run", &Session::run},
+                                                {"help", &Session::help},
+                                                {"complete", &Session::complete},
+                                                {"cancel", &Session::cancel}}};
+    const Request request = parse_request(line.text);
+    const Verb *known = nullptr;
+    for (const Verb &verb : verbs)
+        if (verb.name == request.verb)
+            known = &verb;
+    if (line.oversized && greeted_) {
+        write("% The line is too long: the limit is " + std::to_string(LINE_LIMIT) + " characters\n");
+        finished(Status::refused);
+    } else if (known == nullptr || (!greeted_ && known->handler != &Session::hello)) {
+        end("this is not the protocol of sflow-cli");
+    } else {
+        (this->*known->handler)(request.argument);
     }
 }
 
@@ -142,6 +158,9 @@ void Session::complete(const std::string &argument)
             write(word + "\n");
     finished(Status::ok);
 }
+
+// The command that was to be cancelled has ended by itself, and its answer is on its way.
+void Session::cancel(const std::string & /*argument*/) {}
 
 bool Session::refuse_long(std::string_view line)
 {

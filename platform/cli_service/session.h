@@ -14,18 +14,26 @@ namespace cli
 
 /// Output that a shell has not taken, in bytes; one that lets it grow further is cut off.
 constexpr std::size_t OUTPUT_LIMIT = 16U << 20;
+/// Output that a shell has not taken, in bytes, with which no further request of it is begun.
+constexpr std::size_t BACKLOG_LIMIT = 256U << 10;
 /// Requests that wait for a command to end, in bytes; the server reads no more while there are that many.
 constexpr std::size_t INPUT_LIMIT = 65536;
+/// Requests that are run before other sessions get their turn.
+constexpr int REQUESTS_PER_TURN = 16;
 
 class Session
 {
 public:
-    /// @param changed  called when there is output to send or the session is over, from within any member and from
-    ///                 outside them; must not call back into the session other than to ask
-    Session(Core &core, std::function<void()> changed);
+    /// @param changed  called when there is output to send, requests wait for take_turn() or the session is over, from
+    ///                 within any member and from outside them; must not call back into the session other than to ask
+    /// @param owner    whose session it is, in words for other operators
+    Session(Core &core, std::function<void()> changed, std::string owner = {});
 
-    /// Takes bytes from the shell and runs the requests that they complete.
+    /// Takes bytes from the shell and runs requests that they complete, as many as a turn allows.
     void receive(std::string_view bytes);
+    /// Requests are there that the last turn left.
+    [[nodiscard]] bool wants_turn() const { return !serving_ && can_serve() && input_.has_line(); }
+    void take_turn() { serve(); }
     /// The shell sends no more; what it has asked for is still answered.
     void input_ended();
     [[nodiscard]] bool wants_input() const
@@ -49,11 +57,17 @@ private:
         Handler handler;
     };
 
+    [[nodiscard]] bool can_serve() const
+    {
+        return !over_ && !console_.busy() && output_.size() - sent_ + text_.size() < BACKLOG_LIMIT;
+    }
     void serve();
+    void serve_one(const RequestReader::Line &line);
     void hello(const std::string &argument);
     void run(const std::string &argument);
     void help(const std::string &argument);
     void complete(const std::string &argument);
+    void cancel(const std::string &argument);
     void finished(Status status);
     void write(std::string_view text);
     void flush_text();

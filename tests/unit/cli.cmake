@@ -12,7 +12,10 @@ target_link_libraries(cli_platform_double PUBLIC sflow_include PRIVATE sflow_bui
 sflow_unit_test(cli_config_file_test SOURCES cli_config_file_test.cpp LIBS platform_cli cli_platform_double
                 LINK_OPTIONS -Wl,--wrap=write -Wl,--wrap=fsync -Wl,--wrap=rename)
 sflow_unit_test(cli_console_test SOURCES cli_console_test.cpp LIBS cli_sample platform_cli cli_platform_double)
+sflow_unit_test(cli_session_test SOURCES cli_session_test.cpp LIBS cli_sample platform_cli cli_platform_double)
 sflow_unit_test(cli_server_test SOURCES cli_server_test.cpp LIBS cli_sample platform_cli cli_platform_double sflow_shell)
 sflow_unit_test(cli_service_test SOURCES cli_service_test.cpp
                 LIBS cli_sample platform_cli cli_platform_double sflow_shell)
+sflow_unit_test(cli_json_test SOURCES cli_json_test.cpp LIBS sflow_shell)
+sflow_unit_test(cli_history_test SOURCES cli_history_test.cpp LIBS sflow_shell)
 sflow_unit_test(cli_shell_test SOURCES cli_shell_test.cpp LIBS sflow_shell)

@@ -204,6 +204,27 @@ TEST_F(ReadyConsoleTest, interface_names_are_completed)
     EXPECT_THAT(texts, ElementsAre("bond0", "eth0", "eth0.5", "eth1", "range", "IFNAME"));
 }
 
+TEST_F(ReadyConsoleTest, vrf_names_are_completed)
+{
+    static constexpr auto handler = [](struct_command_data_block * /*record*/) {};
+    static constexpr struct_common_keyword word{"vrf", "a VRF", 1, 14, 14, 1, 2, 0, 0};
+    static constexpr struct_common_string name{"VRF name", 2, CLI_SLOT(string_var[0])};
+    static constexpr struct_eol end{1, handler, 0};
+    static constexpr struct_transtion at_end{eol_action, &end, nullptr, nullptr};
+    static constexpr struct_transtion argument{string_action, &name, &at_end, nullptr};
+    static constexpr struct_transtion keyword{common_keyword_action, &word, &argument, nullptr};
+    static constexpr struct_transtion top{append_point_action, nullptr, &keyword, nullptr};
+    ASSERT_TRUE(core_.add(PARSE_ADD_CFG_CMD, &top, "vrfs"));
+    for (const char *const vrf : {"blue", "black"}) {
+        platform_double::state.interfaces.push_back(platform_double::interface(30, vrf, LSM_IF_KIND_VRF));
+        platform_double::state.interfaces.back().type = LSM_IF_TYPE_VRF;
+    }
+    expect_ok(console_, {"conf t"});
+    EXPECT_THAT(console_.complete("vrf bl"), ElementsAre("black", "blue"));
+    EXPECT_THAT(console_.complete("vrf e"), ElementsAre()); // eth0 is no VRF
+    expect_ok(console_, {"vrf green"});
+}
+
 TEST_F(ReadyConsoleTest, range_runs_the_handler_once_a_member)
 {
     expect_ok(console_, {"conf t", "interface range eth1,eth0 ,  bond0, eth1", "fan enable"});

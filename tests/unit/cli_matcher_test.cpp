@@ -353,3 +353,34 @@ TEST(Matcher_match, tree_that_runs_in_a_circle_ends)
     EXPECT_EQ(matcher.match(cli::mode_root(Mode::config), start, cli::split_words("x")).result,
               Match::Result::invalid);
 }
+
+TEST(Matcher_choices, names_are_offered_behind_their_keyword)
+{
+    const cli::Grammar grammar = sample::grammar();
+    cli::InterfaceDirectory directory = sample::interfaces();
+    std::vector<std::string> asked;
+    directory.named_behind = [&](std::string_view keyword) {
+        asked.emplace_back(keyword);
+        return keyword == "name" ? std::vector<std::string>{"big", "bigger", "small"}
+                                 : std::vector<std::string>{};
+    };
+    cli::Matcher matcher(grammar, directory, cli::Level::privileged);
+    struct_command_data_block start{};
+    start.mode_name = CLI_MODE_CONFIG;
+    const auto offered = [&](std::string_view line, std::string_view partial) {
+        std::vector<std::string> texts;
+        for (const cli::Choice &choice :
+             matcher.choices(cli::mode_root(cli::Mode::config), start, cli::split_words(line), partial))
+            texts.push_back(choice.text + (choice.literal ? "" : " (any)"));
+        return texts;
+    };
+    using Texts = std::vector<std::string>;
+    EXPECT_EQ(offered("fan name", ""), (Texts{"WORD (any)", "big", "bigger", "small"}));
+    EXPECT_EQ(offered("FAN NA", "big"),
+              (Texts{"WORD (any)", "big", "bigger"})); // by the keyword, not as typed
+    EXPECT_EQ(offered("fan name", "huge"), Texts{"WORD (any)"});
+    EXPECT_EQ(asked, (Texts{"name", "name", "name"}));
+    // Any other name is taken.
+    const auto words = cli::split_words("fan name huge");
+    EXPECT_EQ(matcher.match(cli::mode_root(cli::Mode::config), start, words).result, cli::Match::Result::run);
+}

@@ -69,6 +69,40 @@ TEST(RequestReader_next, limit_itself_is_accepted)
     }
 }
 
+TEST(RequestReader_take, finds_a_line_behind_others)
+{
+    struct Row {
+        std::string bytes;
+        bool taken;
+        std::vector<std::string> left;
+    };
+    const Row rows[] = {
+        {"", false, {}},
+        {"cancel", false, {}}, // its newline may never come
+        {"cancel\n", true, {}},
+        {"cancel\r\n", true, {}},
+        {"run a\ncancel\nrun b\n", true, {"run a", "run b"}},
+        {"run a\ncancel\ncancel\n", true, {"run a", "cancel"}},
+        {"run cancel\n cancel\ncancel now\n", false, {"run cancel", " cancel", "cancel now"}},
+    };
+    for (const Row &row : rows) {
+        RequestReader reader;
+        reader.feed(row.bytes);
+        EXPECT_EQ(reader.take("cancel"), row.taken) << row.bytes;
+        EXPECT_EQ(lines_in(reader), row.left) << row.bytes;
+    }
+}
+
+TEST(RequestReader_take, end_of_an_oversized_line_is_no_line)
+{
+    RequestReader reader;
+    reader.feed(std::string(cli::REQUEST_LIMIT * 2, 'x'));
+    EXPECT_FALSE(reader.next());
+    reader.feed("cancel\nrun a\n");
+    EXPECT_FALSE(reader.take("cancel"));
+    EXPECT_EQ(lines_in(reader), (std::vector<std::string>{"<oversized>", "run a"}));
+}
+
 TEST(FrameReader_next, reads_back_what_was_encoded_at_every_cut)
 {
     const std::string bytes = cli::encode_frame("out", "a\nb\n") + cli::encode_frame("out", "") +
@@ -88,6 +122,23 @@ TEST(FrameReader_next, reads_back_what_was_encoded_at_every_cut)
         EXPECT_EQ(frames[2].fields, (std::vector<std::string>{"ok", "-1"}));
         EXPECT_FALSE(reader.broken());
     }
+}
+
+TEST(FrameReader_next, many_frames_are_given_out_one_by_one)
+{
+    std::string bytes;
+    for (int i = 0; i < 1000; ++i)
+        bytes += cli::encode_frame("out", std::to_string(i));
+    FrameReader reader;
+    reader.feed(bytes);
+    EXPECT_EQ(reader.buffered(), bytes.size());
+    for (int i = 0; i < 1000; ++i) {
+        const auto frame = reader.next();
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->text, std::to_string(i));
+    }
+    EXPECT_EQ(reader.buffered(), 0U);
+    EXPECT_FALSE(reader.next());
 }
 
 TEST(FrameReader_next, garbage_breaks_the_reader)

@@ -12,10 +12,13 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <thread>
+#include <unistd.h>
 
 using shell::Client;
 using shell::Status;
@@ -123,6 +126,12 @@ protected:
     ServiceThread thread_;
     std::unique_ptr<cli::Server> server_;
 };
+
+/// How the service calls this process, whose sessions all of them are.
+std::string owner()
+{
+    return "user " + std::to_string(geteuid()) + " (process " + std::to_string(getpid()) + ")";
+}
 
 std::string output_of(Client &client, std::string_view line, Status expected = Status::ok)
 {
@@ -313,8 +322,8 @@ TEST_F(ServerTest, reader_that_stalls_is_cut_off_and_holds_up_nobody)
     // Closed without the stalled one ever reading: the rest of its output is lost.
     expect_sessions(1);
     EXPECT_LT(until_closed(stalled).size(), 4096U * 1024U);
-    EXPECT_THAT(platform_double::take_log(),
-                ElementsAre("%CLI-4-SESSION: a session does not take its output: closed"));
+    EXPECT_THAT(platform_double::take_log(), ElementsAre("%CLI-4-SESSION: the session of " + owner() +
+                                                         " does not take its output: closed"));
 }
 
 TEST_F(ServerTest, reader_that_owes_too_much_is_cut_off_at_once)
@@ -325,6 +334,55 @@ TEST_F(ServerTest, reader_that_owes_too_much_is_cut_off_at_once)
     Client other = batch();
     expect_sessions(1);
     EXPECT_LT(until_closed(slow).size(), cli::OUTPUT_LIMIT);
+    EXPECT_THAT(platform_double::take_log(), ElementsAre("%CLI-4-SESSION: the session of " + owner() +
+                                                         " lets more than 16 MiB of output gather: closed"));
+}
+
+TEST_F(ServerTest, who_configures_second_is_told_of_the_first)
+{
+    serve();
+    Client first = batch();
+    EXPECT_EQ(output_of(first, "configure terminal"), "");
+    Client second = batch();
+    const std::string notice = "% The session of " + owner() + " is in configuration mode too\n";
+    EXPECT_EQ(output_of(second, "configure terminal"), notice);
+    // Both work on the one configuration.
+    output_of(first, "fan speed 2");
+    output_of(second, "fan speed 7");
+    EXPECT_THAT(output_of(first, "do show running-config"), HasSubstr("fan speed 7\n"));
+    output_of(first, "interface eth0");
+    Client third = batch();
+    EXPECT_EQ(output_of(third, "configure terminal"), notice + notice);
+    for (Client *const client : {&first, &second, &third})
+        output_of(*client, "end");
+    EXPECT_EQ(output_of(first, "configure terminal"), "");
+}
+
+TEST_F(ServerTest, session_that_asks_without_end_leaves_others_their_turn)
+{
+    serve();
+    const cli::Descriptor flooding = raw();
+    put(flooding, "hello 1 batch\n");
+    std::string requests;
+    while (requests.size() < cli::INPUT_LIMIT)
+        requests += "run show fan\n";
+    std::atomic<bool> enough{false};
+    std::thread reader([&] { // takes what it is sent
+        std::array<char, 65536> buffer{};
+        while (recv(flooding.get(), buffer.data(), buffer.size(), 0) > 0) {
+        }
+    });
+    std::thread writer([&] {
+        while (!enough && send(flooding.get(), requests.data(), requests.size(), MSG_NOSIGNAL) > 0) {
+        }
+    });
+    Client other = batch();
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(output_of(other, "show fan | include alarm"), "no alarm\n");
+    enough = true;
+    writer.join();
+    shutdown(flooding.get(), SHUT_RDWR);
+    reader.join();
 }
 
 TEST_F(ServerTest, writer_that_never_stops_is_not_read_without_bounds)

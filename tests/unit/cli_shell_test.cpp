@@ -121,7 +121,7 @@ TEST(Batch_run, script_is_run_line_by_line)
     Batch batch(
         session.client(), [](std::string_view) {}, [](std::string_view) {});
     EXPECT_TRUE(batch.run(script));
-    EXPECT_EQ(session.requests(), "run conf t\nrun \nrun  fan speed 3\n");
+    EXPECT_EQ(session.requests(), "run conf t\nrun\nrun  fan speed 3\n");
 }
 
 TEST(Batch_run, command_with_several_lines_is_several_commands)
@@ -184,6 +184,102 @@ TEST(Client_greet, other_services_are_recognised)
         EXPECT_FALSE(session.client().greet(false)) << says;
         EXPECT_NE(session.client().reason(), "") << says;
     }
+}
+
+namespace
+{
+
+std::string output_of(Client &client, std::string_view line, Status expected)
+{
+    std::string text;
+    EXPECT_EQ(client.run(line, [&](std::string_view piece) { text += piece; }), expected);
+    return text;
+}
+
+} // namespace
+
+TEST(Client_greet, gives_up_a_daemon_that_does_not_answer)
+{
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    Client client(ends[0]);
+    EXPECT_FALSE(client.greet(false, std::chrono::milliseconds(1)));
+    EXPECT_FALSE(client);
+    EXPECT_EQ(client.reason(), "sflowd does not answer");
+    close(ends[1]);
+}
+
+TEST(Client_run, newline_in_a_line_does_not_begin_another_request)
+{
+    ScriptedSession session(done("ok") + done("ok"));
+    output_of(session.client(), "show\nversion\n", Status::ok);
+    EXPECT_EQ(session.requests(), "run show version \n");
+}
+
+TEST(Client_cancel, drops_what_the_command_still_prints)
+{
+    ScriptedSession session(cli::encode_frame("out", "one\n") + cli::encode_frame("out", "two\n") +
+                            done("cancelled") + cli::encode_frame("out", "next\n") + done("ok"));
+    Client &client = session.client();
+    std::string text;
+    bool first = false;
+    bool second = true;
+    EXPECT_EQ(client.run("show long",
+                         [&](std::string_view piece) {
+                             text += piece;
+                             first = client.cancel();
+                             second = client.cancel();
+                         }),
+              Status::cancelled);
+    EXPECT_EQ(text, "one\n");
+    EXPECT_TRUE(first);
+    EXPECT_FALSE(second);
+    EXPECT_EQ(output_of(client, "show next", Status::ok), "next\n");
+    EXPECT_EQ(session.requests(), "run show long\ncancel\nrun show next\n");
+}
+
+TEST(Client_watch, descriptor_is_served_while_an_answer_is_awaited)
+{
+    int ends[2] = {-1, -1};
+    int signals[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    ASSERT_EQ(pipe(signals), 0);
+    Client client(ends[0]);
+    ASSERT_EQ(write(signals[1], "xx", 2), 2);
+    int calls = 0;
+    client.watch(signals[0], [&] {
+        char byte = 0;
+        EXPECT_EQ(read(signals[0], &byte, 1), 1);
+        if (++calls == 2)
+            client.abandon("enough");
+    });
+    output_of(client, "show nothing", Status::lost);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(client.reason(), "enough");
+    for (const int descriptor : {ends[1], signals[0], signals[1]})
+        close(descriptor);
+}
+
+TEST(Client_read_ahead, keeps_what_an_output_has_no_time_for)
+{
+    std::string says;
+    for (int i = 0; i < 1000; ++i)
+        says += cli::encode_frame("out", "line " + std::to_string(i) + "\n");
+    ScriptedSession session(says + done("ok"));
+    Client &client = session.client();
+    int lines = 0;
+    EXPECT_EQ(client.run("show long",
+                         [&](std::string_view piece) {
+                             EXPECT_EQ(piece, "line " + std::to_string(lines) + "\n");
+                             if (lines++ == 0) // the pager waits for a key
+                                 while (client.read_ahead_descriptor() >= 0)
+                                     client.read_ahead();
+                         }),
+              Status::ok);
+    EXPECT_EQ(lines, 1000);
+    // The end was seen ahead, and is said in its turn.
+    output_of(client, "show more", Status::lost);
+    EXPECT_EQ(client.reason(), "sflowd closed the session");
 }
 
 namespace
@@ -363,8 +459,21 @@ TEST(Pager_show, pauses_when_a_page_is_full)
         {"end of input", 3, "", {"1\n2\n3\n"}, "1\n2\n<more>"},
         {"no paging", 0, "", {"1\n2\n3\n4\n"}, "1\n2\n3\n4\n"},
         {"in pieces", 3, " ", {"1", "\n", "2\n3", "\n"}, "1\n2\n<more>3\n"},
+        {"wide characters", 3, " ", {"ééééééé\n2\n3\n"}, "ééééééé\n2\n<more>3\n"},
         {"long line", 4, " ", {"12345678901\n2\n3\n"}, "12345678901\n2\n<more>3\n"},
     };
     for (const Row &row : rows)
         EXPECT_EQ(paged(row.lines, 10, row.keys, row.pieces), row.screen) << row.name;
+}
+
+TEST(Pager_quit, tells_that_the_operator_has_seen_enough)
+{
+    for (const char key : {'q', 'Q', '\x03', '\0', ' '}) {
+        Pager pager(
+            2, 10, [&] { return key; }, [](std::string_view) {});
+        pager.show("1\n");
+        EXPECT_FALSE(pager.quit());
+        pager.show("2\n");
+        EXPECT_EQ(pager.quit(), key != ' ') << static_cast<int>(key);
+    }
 }
