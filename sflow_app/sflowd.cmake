@@ -2,4 +2,4 @@
 # resolved when the build files are written, so the order of the .cmake files does not matter.
 add_executable(sflowd sflow_main.cpp)
 target_link_libraries(sflowd PRIVATE sflow_build_flags sflow_app platform_linux)
-install(TARGETS sflowd RUNTIME DESTINATION ${CMAKE_INSTALL_PREFIX}/sbin)
+install(TARGETS sflowd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
