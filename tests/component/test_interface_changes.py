@@ -1,5 +1,5 @@
-"""Interfaces that change faster than they can be read, and in no foreseeable order: in the end the daemon's view of them
-is the kernel's, and its configuration is what follows from the changes."""
+"""Interfaces that change faster than they can be read, and in no foreseeable order: in the end the daemon's view of
+them is the kernel's, and its configuration is what follows from the changes."""
 import os
 import random
 import re
@@ -15,21 +15,6 @@ from harness.wait import wait_for
 SEEDS = [int(seed) for seed in os.environ.get("SFLOW_TEST_SEEDS", "1 2 3").split()]
 
 
-def running(stage):
-    """The running configuration: the global lines under "", the lines of each interface under its name."""
-    found = {"": set()}
-    name = ""
-    for line in stage.sandbox.running_config().splitlines():
-        if line.startswith("interface "):
-            name = line.removeprefix("interface ")
-            found[name] = set()
-        elif line == "!":
-            name = ""
-        elif line.strip():
-            found[name].add(line.strip())
-    return found
-
-
 def wait_equal(actual, wanted, what):
     """Waits for two functions to return the same; both are asked again each time."""
     try:
@@ -39,7 +24,7 @@ def wait_equal(actual, wanted, what):
 
 
 class Model:
-    """The configuration of interfaces by the rules: what is removed takes its settings with it, everything else stays."""
+    """The configuration by the rules: an interface that is removed takes its settings with it, all others stay."""
 
     def __init__(self, stage):
         self.stage = stage
@@ -70,7 +55,8 @@ class Model:
         if self.source:
             lines |= {f"sflow source interface {words[family]}{links[self.source[0]]['ifname']}"
                       for family in self.source[1]}
-        return {"": lines, **{links[index]["ifname"]: set(settings) for index, settings in self.ports.items()}}
+        return {"": sorted(lines),
+                **{links[index]["ifname"]: sorted(settings) for index, settings in self.ports.items()}}
 
     def wanted_addresses(self):
         """What `show sflow` says of agent and sources: the first addresses of the interfaces."""
@@ -99,7 +85,7 @@ class Model:
 
     def check(self):
         wait_equal(lambda: daemon_view(self.stage.sandbox), lambda: kernel_view(self.namespace), "the interfaces")
-        wait_equal(lambda: running(self.stage), self.wanted, "the configuration")
+        wait_equal(self.stage.sandbox.config_sections, self.wanted, "the configuration")
         wait_equal(self.shown_addresses, self.wanted_addresses, "the addresses learnt from interfaces")
 
 
@@ -289,7 +275,7 @@ def test_changes_that_are_lost_are_made_good(prepared, tmp_path):
     prepared.daemon.popen.send_signal(signal.SIGCONT)
     model.check()
     assert "LSM-5-RESYNC" in prepared.daemon.log(), "nothing was lost: the test shows nothing"
-    assert set(running(prepared)) == {"", "w1", "renamed2", "w5", "w6"}
+    assert set(prepared.sandbox.config_sections()) == {"", "w1", "renamed2", "w5", "w6"}
     # From here on changes are followed again.
     namespace.ip("addr", "add", "10.88.0.1/24", "dev", "w1")
     namespace.ip("addr", "del", "10.77.0.1/24", "dev", "w1")

@@ -1,4 +1,4 @@
-"""What the configuration and the exported datagrams make of interfaces that change: real netlink events, real sflowd."""
+"""What the configuration and the exported datagrams make of interfaces that change: real netlink events."""
 import pytest
 
 from harness.addresses import AGENT4, COLLECTOR4, COLLECTOR4_B, COLLECTOR6
@@ -11,29 +11,14 @@ PORT_LINES = ["sflow counter collector 1", "sflow flow collector 1", "sflow enab
 
 
 def sections(stage):
-    """The running configuration: the global lines under "", the lines of each interface under its name."""
-    found = {"": []}
-    name = ""
-    for line in stage.sandbox.running_config().splitlines():
-        if line.startswith("interface "):
-            name = line.removeprefix("interface ")
-            found[name] = []
-        elif line == "!":
-            name = ""
-        elif line.strip():
-            found[name].append(line.strip())
-    return found
+    return stage.sandbox.config_sections()
 
 
 def wait_sections(stage, wanted):
     """Waits for the running configuration to be `wanted`; the order of lines within a section does not matter."""
-    def same():
-        found = sections(stage)
-        return {name: sorted(lines) for name, lines in found.items()} == \
-            {name: sorted(lines) for name, lines in wanted.items()}
-
+    wanted = {name: sorted(lines) for name, lines in wanted.items()}
     try:
-        wait_for(same, "the configuration", seconds=60)
+        wait_for(lambda: sections(stage) == wanted, "the configuration", seconds=60)
     except AssertionError:
         raise AssertionError(f"wanted {wanted}, got {sections(stage)}") from None
 
@@ -50,7 +35,7 @@ def shown(stage, line):
 def enable_port(stage, port):
     """Samples and polls `port`, which needs collector 1; waits until the service has confirmed all of it."""
     stage.configure(f"interface {port}", *PORT_LINES)
-    wait_for(lambda: sorted(sections(stage).get(port, [])) == sorted(PORT_LINES), f"the settings of {port}")
+    wait_for(lambda: sections(stage).get(port) == sorted(PORT_LINES), f"the settings of {port}")
     return stage.ifindex(port)
 
 

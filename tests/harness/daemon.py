@@ -128,6 +128,20 @@ class Sandbox:
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", folder], check=True)
         self._small_disks.append(folder)
 
+    def config_sections(self):
+        """The running configuration: its global lines under "", the lines of each interface under its name; sorted."""
+        found = {"": []}
+        name = ""
+        for line in self.running_config().splitlines():
+            if line.startswith("interface "):
+                name = line.removeprefix("interface ")
+                found[name] = []
+            elif line == "!":
+                name = ""
+            elif line.strip():
+                found[name].append(line.strip())
+        return {name: sorted(lines) for name, lines in found.items()}
+
     def use_small_config_disk(self):
         self.use_small_disk(self.config)
 

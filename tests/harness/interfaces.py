@@ -35,8 +35,9 @@ def kernel_view(namespace):
     for index, link in links.items():
         addresses = [address for family in ("inet", "inet6")
                      for address in sorted((a for a in link["addr_info"] if a["family"] == family), key=_rank)]
-        view[index] = (link["ifname"], "UP" in link["flags"], "UP" in link["flags"] and "NO-CARRIER" not in link["flags"],
-                       link["mtu"], link.get("address", "00:00:00:00:00:00"), link.get("master", ""),
+        admin = "UP" in link["flags"]
+        view[index] = (link["ifname"], admin, admin and "NO-CARRIER" not in link["flags"], link["mtu"],
+                       link.get("address", "00:00:00:00:00:00"), link.get("master", ""),
                        [f"{address['local']}/{address['prefixlen']}" for address in addresses])
     return view
 
@@ -47,7 +48,8 @@ def daemon_view(sandbox):
     assert result.status == 0, result
     view = {}
     for text in re.split(r"^(?=\S)", result.output, flags=re.MULTILINE)[1:]:
-        name, admin, line = re.match(r"(\S+) is (up|administratively down), line protocol is (up|down)\n", text).groups()
+        name, admin, line = re.match(r"(\S+) is (up|administratively down), line protocol is (up|down)\n",
+                                     text).groups()
         index, mac = re.search(r"  Index (\d+), type .*, address (\S+)\n", text).groups()
         member = re.search(r", member of (\S+)\n", text)
         view[int(index)] = (name, admin == "up", line == "up", int(re.search(r"MTU (\d+)", text)[1]), mac,
