@@ -119,6 +119,14 @@ void tech_set_cli_hooks(const tech_cli_hooks_t *hooks);
 /// Blocks; must not be called on a thread that serves a module's thread master, which would wait for itself.
 int tech_collect(const tech_sink_t &sink, std::chrono::milliseconds patience);
 
+/// The same with the modules' detailed reports (TECH_E_DETAIL), for a place that may run out of room.
+///
+/// @param has_room  asked after each module's report and before each file, on the calling thread. Once it is false
+///                  the rest is left out; the module that wrote last gets TECH_E_DETAIL_NOSPC instead of
+///                  TECH_E_DETAIL_COMPLETION.
+int tech_collect_detail(const tech_sink_t &sink, const std::function<bool()> &has_room,
+                        std::chrono::milliseconds patience);
+
 /// Calls every show function of the debug listing, in order of registration, and hands what they print to
 /// `sink`. Whatever else the process prints to standard output meanwhile is collected too. One call at a
 /// time, others wait.

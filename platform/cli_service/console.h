@@ -10,10 +10,17 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <vector>
 
 namespace cli
 {
+
+/// Somebody whose file rights count.
+struct User {
+    uid_t uid;
+    gid_t gid;
+};
 
 class Console
 {
@@ -45,6 +52,9 @@ public:
     /// Whose console this is, in words for other operators and for the log; empty when it is nobody's.
     void set_owner(std::string owner) { owner_ = std::move(owner); }
     [[nodiscard]] const std::string &owner() const { return owner_; }
+    /// Who types here; nobody's console has the rights of the daemon.
+    void set_user(User user) { user_ = user; }
+    [[nodiscard]] std::optional<User> user() const { return user_; }
     [[nodiscard]] Mode mode() const { return mode_; }
     void set_level(Level level) { level_ = level; }
     /// Leaves interface and range modes too.
@@ -68,6 +78,7 @@ private:
 
     Core &core_;
     std::string owner_;
+    std::optional<User> user_;
     Level level_;
     Mode mode_;
     IFINDEX ifindex_ = 0;

@@ -246,9 +246,11 @@ CLI_APPEND_POINT(interface_top, interface_first);
 CLI_NOPREFIX(interface_first, Tno_alt, interface_exit);
 CLI_KEYWORD(interface_exit, "exit", "Leave this mode", CLI_PRIV_INTERFACE, leave_end, config_end);
 
-// show: running-config [all], startup-config, interfaces [brief | NAME], debugging, version, tech-support
+// show: running-config [all], startup-config, interfaces [brief | NAME], debugging, version,
+// tech-support [file PATH]
 CLI_NODES(show_top, run, run_end, run_all, run_all_end, start, start_end, ifs, ifs_end, ifs_brief,
-          ifs_brief_end, ifs_name, ifs_name_end, deb, deb_end, ver, ver_end, tech, tech_end);
+          ifs_brief_end, ifs_name, ifs_name_end, deb, deb_end, ver, ver_end, tech, tech_end, tech_file,
+          tech_path, tech_path_end);
 CLI_APPEND_POINT(show_top, run);
 CLI_KEYWORD(run, "running-config", "Running configuration", PRIVILEGED, run_end, start);
 CLI_EOL_OR(run_end, show_running_config, run_all);
@@ -267,7 +269,11 @@ CLI_EOL(deb_end, show_debugging);
 CLI_KEYWORD(ver, "version", "Version of the software", USER, ver_end, tech);
 CLI_EOL(ver_end, show_version);
 CLI_KEYWORD(tech, "tech-support", "System information for the support", USER, tech_end, Tno_alt);
-CLI_EOL(tech_end, show_tech_support);
+CLI_EOL_OR(tech_end, show_tech_support, tech_file);
+CLI_KEYWORD(tech_file, "file", "Write it to a file", PRIVILEGED, tech_path, Tno_alt);
+CLI_STRING(tech_path, "Name or path of a file that does not exist yet", CLI_SLOT(string_var[0]), tech_path_end,
+           Tno_alt);
+CLI_EOL(tech_path_end, show_tech_support_file);
 
 struct Tree {
     cli_attach_t attach;

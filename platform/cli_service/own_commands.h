@@ -18,6 +18,9 @@ void show_interfaces_brief(struct_command_data_block *record);
 void show_one_interface(struct_command_data_block *record);
 void show_debugging(struct_command_data_block *record);
 void show_version(struct_command_data_block *record);
+
+// In own_tech.cpp; the record's string_var[0] is the name or path of the file.
 void show_tech_support(struct_command_data_block *record);
+void show_tech_support_file(struct_command_data_block *record);
 
 } // namespace cli

@@ -1,4 +1,4 @@
-// Show commands of the platform: configurations, interfaces, debug switches, version, support text.
+// Show commands of the platform: configurations, interfaces, debug switches, version.
 #include "config_file.h"
 #include "console.h"
 #include "own_commands.h"
@@ -10,15 +10,11 @@
 #include <array>
 #include <cinttypes>
 #include <sys/utsname.h>
-#include <system_error>
-#include <thread>
 
 namespace cli
 {
 namespace
 {
-
-constexpr std::chrono::seconds tech_patience{10};
 
 cli_session_t &command_of(const struct_command_data_block *record)
 {
@@ -214,29 +210,6 @@ void show_version(struct_command_data_block *record)
                       system.nodename + "\n");
     command.write(command.core().saved() ? "The running configuration is saved\n"
                                          : "The running configuration is not saved\n");
-}
-
-// Modules write their part on this service's thread, which must stay free for it meanwhile.
-void show_tech_support(struct_command_data_block *record)
-{
-    cli_session_t &command = command_of(record);
-    try {
-        std::thread collector([record] {
-            cli_session_t &output = *record->session;
-            const int answered =
-                tech_collect([&](std::string_view text) { output.write(text); }, tech_patience);
-            if (answered < 0) {
-                output.write("% Another collection is running\n");
-                output.fail();
-            }
-            cli_proc_thread_end(record, pthread_self());
-        });
-        cli_proc_thread_start(record, collector.native_handle());
-        collector.detach();
-    } catch (const std::system_error &error) {
-        command.write(std::string("% The collection could not be started: ") + error.what() + "\n");
-        command.fail();
-    }
 }
 
 } // namespace cli

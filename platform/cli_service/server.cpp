@@ -46,14 +46,29 @@ bool secure(const std::string &path, mode_t mode)
     return given && chmod(path.c_str(), mode) == 0;
 }
 
-/// The process at the other end. By numbers: looking up a user's name may ask another machine.
-std::string owner_of(int socket)
+/// The process at the other end; nothing when the kernel does not say.
+std::optional<ucred> peer_of(int socket)
 {
     ucred peer{};
     socklen_t length = sizeof peer;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return std::nullopt;
+    return peer;
+}
+
+/// By numbers: looking up a user's name may ask another machine.
+std::string owner_of(const std::optional<ucred> &peer)
+{
+    if (!peer)
         return "an unknown user";
-    return "user " + std::to_string(peer.uid) + " (process " + std::to_string(peer.pid) + ")";
+    return "user " + std::to_string(peer->uid) + " (process " + std::to_string(peer->pid) + ")";
+}
+
+/// Somebody unknown has nobody's rights.
+User user_of(const std::optional<ucred> &peer)
+{
+    constexpr uid_t nobody = 65534;
+    return peer ? User{.uid = peer->uid, .gid = peer->gid} : User{.uid = nobody, .gid = nobody};
 }
 
 } // namespace
@@ -156,10 +171,12 @@ void Server::add(Descriptor socket)
     }
     Connection &connection = connections_.emplace_back();
     connection.server = this;
-    connection.owner = owner_of(socket.get());
+    const std::optional<ucred> peer = peer_of(socket.get());
+    connection.owner = owner_of(peer);
     connection.socket = std::move(socket);
     connection.session = std::make_unique<Session>(
         core_, [this, &connection] { arm(connection); }, connection.owner);
+    connection.session->set_user(user_of(peer));
     arm(connection);
 }
 

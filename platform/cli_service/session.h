@@ -29,6 +29,9 @@ public:
     /// @param owner    whose session it is, in words for other operators
     Session(Core &core, std::function<void()> changed, std::string owner = {});
 
+    /// Who is at the other end.
+    void set_user(User user) { console_.set_user(user); }
+
     /// Takes bytes from the shell and runs requests that they complete, as many as a turn allows.
     void receive(std::string_view bytes);
     /// Requests are there that the last turn left.

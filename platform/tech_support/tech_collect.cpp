@@ -148,18 +148,27 @@ int write_report(kx_thread_t *thread)
     return 0;
 }
 
-/// Tells a module that the collection is over; nobody waits for it.
-int tell_completion(kx_thread_t *thread)
+/// Tells a module how its part ended; nobody waits for it.
+template <tech_event Event>
+int tell(kx_thread_t *thread)
 {
     const auto callback = reinterpret_cast<tech_callback_t>(kx_thread_arg(thread));
-    callback(TECH_E_BASIC_COMPLETION, nullptr);
+    callback(Event, nullptr);
     return 0;
 }
 
+/// Which events a collection uses, and whether there is room for more of it.
+struct Depth {
+    tech_event report;
+    kx_thread_func_t completed;
+    kx_thread_func_t no_space;
+    std::function<bool()> has_room;
+};
+
 bool collect_module(const tech_sink_t &sink, const TechProvider &provider, const TechSnapshot &snapshot,
-                    std::chrono::milliseconds patience)
+                    std::chrono::milliseconds patience, const Depth &depth)
 {
-    const auto report = std::make_shared<Report>(sink, provider, TECH_E_BASIC, snapshot);
+    const auto report = std::make_shared<Report>(sink, provider, depth.report, snapshot);
     const std::uintptr_t number = reports().add(report);
     const bool posted =
         kx_thread_add_event(provider.master, write_report, reinterpret_cast<void *>(number)) != nullptr;
@@ -171,7 +180,8 @@ bool collect_module(const tech_sink_t &sink, const TechProvider &provider, const
                      : ": no report, its thread has ended\n"));
     }
     if (posted)
-        kx_thread_add_event(provider.master, tell_completion, reinterpret_cast<void *>(provider.callback));
+        kx_thread_add_event(provider.master, depth.has_room() ? depth.completed : depth.no_space,
+                            reinterpret_cast<void *>(provider.callback));
     return answered;
 }
 
@@ -208,9 +218,7 @@ private:
     const bool taken_;
 };
 
-} // namespace
-
-int tech_collect(const tech_sink_t &sink, std::chrono::milliseconds patience)
+int collect(const tech_sink_t &sink, std::chrono::milliseconds patience, const Depth &depth)
 {
     const CollectingTurn turn;
     if (!turn.taken())
@@ -218,12 +226,37 @@ int tech_collect(const tech_sink_t &sink, std::chrono::milliseconds patience)
     const TechSnapshot snapshot = platform::tech_registry().snapshot();
     int answered = 0;
     for (const TechProvider &provider : snapshot.providers) {
+        if (!depth.has_room())
+            return answered;
         sink("----- " + snapshot.module + " " + provider.name + " -----\n");
-        answered += collect_module(sink, provider, snapshot, patience) ? 1 : 0;
+        answered += collect_module(sink, provider, snapshot, patience, depth) ? 1 : 0;
     }
-    for (const std::string &path : snapshot.files)
-        collect_file(sink, path);
+    for (const std::string &path : snapshot.files) {
+        if (depth.has_room())
+            collect_file(sink, path);
+    }
     return answered;
+}
+
+} // namespace
+
+int tech_collect(const tech_sink_t &sink, std::chrono::milliseconds patience)
+{
+    return collect(sink, patience,
+                   {.report = TECH_E_BASIC,
+                    .completed = tell<TECH_E_BASIC_COMPLETION>,
+                    .no_space = tell<TECH_E_BASIC_COMPLETION>,
+                    .has_room = [] { return true; }});
+}
+
+int tech_collect_detail(const tech_sink_t &sink, const std::function<bool()> &has_room,
+                        std::chrono::milliseconds patience)
+{
+    return collect(sink, patience,
+                   {.report = TECH_E_DETAIL,
+                    .completed = tell<TECH_E_DETAIL_COMPLETION>,
+                    .no_space = tell<TECH_E_DETAIL_NOSPC>,
+                    .has_room = has_room});
 }
 
 void tech_module_msg_output(const char *format, ...)

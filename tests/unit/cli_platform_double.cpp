@@ -157,6 +157,12 @@ int tech_collect(const tech_sink_t &sink, std::chrono::milliseconds /*patience*/
     return collect ? collect(sink) : -1;
 }
 
+int tech_collect_detail(const tech_sink_t &sink, const std::function<bool()> & /*has_room*/,
+                        std::chrono::milliseconds patience)
+{
+    return tech_collect(sink, patience);
+}
+
 void sys_show_debug(const tech_sink_t &sink)
 {
     std::string listing;

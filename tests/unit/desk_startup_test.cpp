@@ -17,7 +17,7 @@
 namespace
 {
 
-constexpr unsigned ROUNDS = 200;
+constexpr unsigned ROUNDS = 60;
 
 using desk::Desk;
 using desk::Operator;

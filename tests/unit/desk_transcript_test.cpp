@@ -4,6 +4,7 @@
 // back. Beside that there are
 //
 //   # text             at the beginning of the file: what it shows
+//   $TMPDIR            the directory of the daemon's files, in what is typed and in what comes back
 //   switch# sho ?      help for what stands before the "?"
 //   switch# sho<TAB>   the words that the last one can become
 //   <failed>           the command was marked failed, with or without a word
@@ -23,6 +24,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -82,6 +84,14 @@ Words split(const std::string &text, char separator)
     return words;
 }
 
+/// A line of a transcript with the directory that its $TMPDIR stands for.
+std::string typed(std::string line)
+{
+    constexpr std::string_view name = "$TMPDIR";
+    const std::size_t at = line.find(name);
+    return at == std::string::npos ? line : line.replace(at, name.size(), directory());
+}
+
 /// Bytes that are no ASCII text and what changes from run to run, as they stand in a transcript.
 std::string written(std::string text)
 {
@@ -97,6 +107,7 @@ std::string written(std::string text)
         {std::regex("written [0-9-]+ [0-9:]+"), "written DATE TIME"},
         {std::regex("(agent,? (version )?)" SFLOW_VERSION), "$1VERSION"},
         {std::regex("func address:0x0x[0-9a-f]+"), "func address:0xADDRESS"},
+        {std::regex("[0-9]+ bytes written"), "N bytes written"},
     };
     for (const auto &[pattern, replacement] : varying)
         printable = std::regex_replace(printable, pattern, replacement);
@@ -109,7 +120,8 @@ class Session
 public:
     Session()
     {
-        std::filesystem::remove(directory() + "/startup-config");
+        for (const char *const file : {"/startup-config", "/support.txt", "/platform/support.txt"})
+            std::filesystem::remove(directory() + file);
         the_desk().start_over();
         turn_debugging_off();
         static_cast<void>(the_desk().take_log());
@@ -158,7 +170,7 @@ private:
             for (const std::string &word : now().complete(line.substr(0, line.size() - tab.size())))
                 out_ << word << "\n";
         } else {
-            const Operator::Answer answer = now().type(line);
+            const Operator::Answer answer = now().type(typed(line));
             const std::string text = written(answer.text);
             out_ << text << (text.empty() || text.ends_with("\n") ? "" : "<no newline>\n");
             if (answer.status == cli::Status::failed)
@@ -241,6 +253,22 @@ std::string replayed(const std::string &transcript)
     return session.text();
 }
 
+/// The first line in which two transcripts differ, with what leads there; empty when there is none.
+std::string difference(const std::string &expected, const std::string &seen)
+{
+    constexpr std::ptrdiff_t context = 5;
+    const Words wanted = split(expected, '\n');
+    const Words got = split(seen, '\n');
+    const auto [end, at] = std::mismatch(wanted.begin(), wanted.end(), got.begin(), got.end());
+    if (end == wanted.end() && at == got.end())
+        return expected == seen ? "" : "an empty line more or less";
+    std::string text;
+    for (auto line = at - std::min(context, at - got.begin()); line != at; ++line)
+        text += "  " + *line + "\n";
+    text += "- " + (end == wanted.end() ? "(the end)" : *end) + "\n";
+    return text + "+ " + (at == got.end() ? "(the end)" : *at) + "\n";
+}
+
 std::vector<std::string> names()
 {
     std::vector<std::string> result;
@@ -264,8 +292,9 @@ TEST_P(Transcript, is_what_an_operator_sees)
     const std::string seen = replayed(expected);
     if (std::getenv("SFLOW_WRITE_TRANSCRIPTS") != nullptr)
         std::ofstream(path) << seen;
-    else
-        EXPECT_EQ(seen, expected);
+    else if (const std::string text = difference(expected, seen); !text.empty())
+        ADD_FAILURE() << "in the file: -, now: +; tests/README.md tells how to have it written anew\n"
+                      << text;
 }
 
 INSTANTIATE_TEST_SUITE_P(Operators, Transcript, ::testing::ValuesIn(names()),

@@ -92,6 +92,19 @@ int report_without_end(tech_event event, void *)
     return 0;
 }
 
+std::vector<tech_event> events; ///< of the module's thread
+
+/// Writes one line for either report.
+int report_events(tech_event event, void *)
+{
+    events.push_back(event);
+    if (event != TECH_E_BASIC && event != TECH_E_DETAIL)
+        return 0;
+    tech_module_msg_output("report %d\n", int{event});
+    tech_module_msg_deal_completion();
+    return 0;
+}
+
 std::binary_semaphore released{0};
 
 int report_when_released(tech_event event, void *)
@@ -268,6 +281,45 @@ TEST(tech_collect, a_second_collection_at_the_same_time_is_refused)
     EXPECT_EQ(-1, inner);
     EXPECT_EQ(1, outer);
     EXPECT_EQ(1, tech_collect(nowhere, plenty)) << "possible again afterwards";
+}
+
+TEST(tech_collect_detail, asks_for_the_detailed_report_and_tells_its_end)
+{
+    const std::string path = testing::TempDir() + "/tech_detail_file";
+    std::ofstream(path) << "content\n";
+    ASSERT_EQ(0, tech_module_reg_dump_file(path.c_str()));
+    events.clear();
+    std::string text;
+    {
+        const ModuleThread module;
+        ASSERT_EQ(0, tech_reg_service_callback("ipfix#sflow", module.master(), report_events));
+        ASSERT_EQ(0, tech_reg_service_callback("late", module.master(), report_events));
+        const auto answered = tech_collect_detail([&](std::string_view piece) { text.append(piece); },
+                                                  [] { return true; }, plenty);
+        EXPECT_EQ(2, answered);
+    } // its thread has been told
+    EXPECT_THAT(text, HasSubstr("report 1\n"));
+    EXPECT_THAT(text, HasSubstr("content\n"));
+    EXPECT_EQ((std::vector<tech_event>{TECH_E_DETAIL, TECH_E_DETAIL_COMPLETION, TECH_E_DETAIL,
+                                       TECH_E_DETAIL_COMPLETION}),
+              events);
+    std::filesystem::remove(path);
+}
+
+TEST(tech_collect_detail, without_room_the_rest_is_left_out_and_the_module_is_told)
+{
+    events.clear();
+    std::string text;
+    {
+        const ModuleThread module;
+        ASSERT_EQ(0, tech_reg_service_callback("ipfix#sflow", module.master(), report_events));
+        ASSERT_EQ(0, tech_reg_service_callback("late", module.master(), report_events));
+        EXPECT_EQ(1, tech_collect_detail([&](std::string_view piece) { text.append(piece); },
+                                         [&] { return text.find("report") == std::string::npos; }, plenty));
+    }
+    EXPECT_EQ((std::vector<tech_event>{TECH_E_DETAIL, TECH_E_DETAIL_NOSPC}), events);
+    EXPECT_THAT(text, Not(HasSubstr("late")));
+    EXPECT_THAT(text, Not(HasSubstr("tech_detail_file"))) << "files are left out too";
 }
 
 TEST(tech_module_msg_output, outside_a_report_text_is_dropped)
