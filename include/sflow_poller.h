@@ -3,21 +3,7 @@
 #pragma once
 
 #include "sflow_agent.h"
-
-/// Base of one interface's counters, added to every report before export. Saved to the cache file as it
-/// stands in memory; the links are meaningless there.
-struct sflow_counter_node_t {
-    sflow_list_t list;
-    IFINDEX ifx;
-    u_int32_t pad;
-    sflow_generic_counter_t generic; ///< counters only; the other fields stay 0
-    sflow_ether_counter_t ether;
-    u_int32_t pad_end;
-};
-static_assert(sizeof(sflow_counter_node_t) == 168);
-static_assert(offsetof(sflow_counter_node_t, ifx) == 16);
-static_assert(offsetof(sflow_counter_node_t, generic) == 24);
-static_assert(offsetof(sflow_counter_node_t, ether) == 112);
+#include "sflow_counter_cache.h"
 
 /// The cache, in order of insertion. Nodes are made and freed by the module only: they carry their place in the
 /// index by interface, which sflow_poller_get_counter looks into, and in the file.

@@ -2,14 +2,17 @@
 //
 // Requests queue here and are answered in their order, a slice at a time, so that a burst of a thousand does not keep
 // samples waiting. When many wait, one request to the kernel for all interfaces serves the whole queue. An interface
-// that does not exist gets no answer: there are no counters to tell.
+// that does not exist gets no answer: there are no counters to tell. A request for an interface whose base the daemon
+// has not confirmed yet is put aside until it has.
 #pragma once
 
+#include "counter_keeper.h"
 #include "event_loop.h"
 #include "kernel_counters.h"
 
 #include <deque>
 #include <functional>
+#include <vector>
 
 namespace sampling
 {
@@ -28,20 +31,32 @@ public:
     /// Takes each finished record, in order.
     using Send = std::function<void(const sflow_counter_ret_t &)>;
 
-    CounterServer(EventLoop &loop, Log &log, CounterSource &source, LinkLookup links, OwnCounters own,
-                  Send send);
+    CounterServer(EventLoop &loop, Log &log, CounterSource &source, const CounterOptions &options,
+                  LinkLookup links, OwnCounters own, Send send);
+    ~CounterServer();
 
+    /// A connection to this process of the daemon has begun.
+    void connected(DaemonId daemon) { keeper_.connected(daemon); }
     void request(const sflow_counter_t &request);
-    /// Drops all waiting requests: their connection has gone.
+    /// The daemon begins, again perhaps, to use the interface's counters.
+    void reconsider(IFINDEX ifindex);
+    /// Drops all requests: their connection has gone.
     void clear();
-    void forget_interface(IFINDEX ifindex) { history_.forget(ifindex); }
+    /// The interface has gone; `farewell` are its last statistics, or nullptr.
+    void depart(IFINDEX ifindex, const rtnl_link_stats64 *farewell);
 
-    [[nodiscard]] std::size_t waiting() const { return waiting_.size(); }
+    /// Requests that have no answer yet.
+    [[nodiscard]] std::size_t waiting() const { return waiting_.size() + held_.size(); }
 
 private:
+    void post_slice();
     void serve_slice();
     void serve(const sflow_counter_t &request);
-    [[nodiscard]] std::optional<LinkCounters> read(IFINDEX ifindex);
+    [[nodiscard]] std::optional<CounterLook> look(const sflow_counter_t &request, const Link *link);
+    [[nodiscard]] std::optional<rtnl_link_stats64> read_link(IFINDEX ifindex);
+    void answer(const sflow_counter_t &request, const Link *link,
+                const CounterKeeper::Settlement &settlement);
+    void await_confirmation();
 
     EventLoop &loop_;
     Log &log_;
@@ -49,10 +64,17 @@ private:
     LinkLookup links_;
     OwnCounters own_;
     Send send_;
+    Clock::duration pause_;
+    CounterKeeper keeper_;
+    std::uint64_t boot_;
+    std::uint64_t process_;
     std::deque<sflow_counter_t> waiting_;
-    CounterSource::LinkStats all_; ///< read at once for the next `all_serves_` requests
+    std::vector<sflow_counter_t> held_;         ///< until their interface's base is confirmed
+    std::vector<sflow_counter_ret_t> outgoing_; ///< of this slice, until the keeper has saved
+    CounterSource::LinkStats all_;              ///< read at once for the next `all_serves_` requests
     std::size_t all_serves_ = 0;
-    CounterHistory history_;
+    EventLoop::TimerId confirmation_ = 0;
+    Clock::duration delay_;
     bool posted_ = false;
 };
 

@@ -119,12 +119,14 @@ void LinkTable::read_all()
                                  nl_geterror(error));
     for (const IFINDEX ifindex : before) {
         if (!links_.contains(ifindex))
-            announce_removal(ifindex);
+            announce_removal(ifindex, nullptr);
     }
 }
 
-void LinkTable::announce_removal(IFINDEX ifindex)
+void LinkTable::announce_removal(IFINDEX ifindex, const rtnl_link_stats64 *farewell)
 {
+    if (farewell_)
+        farewell_(ifindex, farewell);
     // Not at once: this may run inside find(), whose caller is in the middle of its own tables.
     loop_.post([this, ifindex] {
         if (removed_)
@@ -161,8 +163,13 @@ void LinkTable::take(nl_msg *message)
         return;
     const auto ifindex = static_cast<IFINDEX>(info->ifi_index);
     if (header->nlmsg_type == RTM_DELLINK) {
-        if (links_.erase(ifindex) != 0)
-            announce_removal(ifindex);
+        if (links_.erase(ifindex) == 0)
+            return;
+        rtnl_link_stats64 last = {};
+        nlattr *const statistics = attributes[IFLA_STATS64];
+        if (statistics != nullptr)
+            nla_memcpy(&last, statistics, sizeof(last));
+        announce_removal(ifindex, statistics != nullptr ? &last : nullptr);
         return;
     }
     Link &link = links_[ifindex];

@@ -15,6 +15,7 @@
 
 struct nl_msg;
 struct nl_sock;
+struct rtnl_link_stats64;
 
 namespace sampling
 {
@@ -67,19 +68,27 @@ public:
     /// Called for each interface that has gone, in a later round of the event loop than its leaving the table.
     void on_removal(std::function<void(IFINDEX)> handler) { removed_ = std::move(handler); }
 
+    /// Called for each interface that has gone at the moment when it leaves the table, inside find() perhaps: the handler
+    /// must not use the table. With the interface's last statistics, or nullptr when the notice was lost or had none.
+    void on_farewell(std::function<void(IFINDEX, const rtnl_link_stats64 *)> handler)
+    {
+        farewell_ = std::move(handler);
+    }
+
     /// Takes one RTM_NEWLINK or RTM_DELLINK message (tests use it directly).
     void take(nl_msg *message);
 
 private:
     void read_all();
     void read_notices();
-    void announce_removal(IFINDEX ifindex);
+    void announce_removal(IFINDEX ifindex, const rtnl_link_stats64 *farewell);
 
     EventLoop &loop_;
     Log &log_;
     NlSock socket_;
     std::unordered_map<IFINDEX, Link> links_;
     std::function<void(IFINDEX)> removed_;
+    std::function<void(IFINDEX, const rtnl_link_stats64 *)> farewell_;
 };
 
 } // namespace sampling

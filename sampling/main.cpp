@@ -66,7 +66,7 @@ void run(const Options &options, Log &log)
     const StopSignals signals(loop, log);
     LinkTable links(loop, log);
     KernelCounters counters(log);
-    Service service(loop, log, links, counters, options.socket_path,
+    Service service(loop, log, links, counters, options.counters, options.socket_path,
                     [&](SampleSink &sink) { return make_backend(options, loop, log, links, sink); });
     log.info("sflow-samplingd " SFLOW_VERSION ": backend ",
              options.backend == BackendKind::replay ? "replay" : "ebpf", ", daemon ", options.socket_path,
@@ -92,7 +92,9 @@ int serve(const Options &options)
 int main(int argc, char **argv)
 {
     try {
-        const auto parsed = parse_options({argv + 1, argv + argc}, std::getenv("TMPDIR"));
+        const auto parsed =
+            parse_options({argv + 1, argv + argc}, {.tmpdir = std::getenv("TMPDIR"),
+                                                    .state_directory = std::getenv("STATE_DIRECTORY")});
         if (const auto *early = std::get_if<EarlyExit>(&parsed)) {
             std::fputs(early->text.c_str(), early->status == 0 ? stdout : stderr);
             return early->status;

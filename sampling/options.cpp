@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "sflow_counter_cache.h"
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
@@ -18,6 +20,8 @@ Takes packet samples and interface counters for sflowd.
 
   --backend ebpf|replay        where packets come from (default: ebpf)
   --socket PATH                sflowd's domain socket (default: $TMPDIR/sflow/domain_socket)
+  --state FILE                 where counters are remembered (default: counters in
+                               $STATE_DIRECTORY, otherwise samplingd_counters beside the socket)
   --verbose                    log debug lines too
   --help                       this text
   --version                    version of the program
@@ -89,6 +93,12 @@ bool parse_socket(std::string_view text, Options &options)
     return !text.empty();
 }
 
+bool parse_state(std::string_view text, Options &options)
+{
+    options.counters.state_path = text;
+    return !text.empty();
+}
+
 struct OptionRow {
     std::string_view name;
     bool (*take)(std::string_view value, Options &options);
@@ -97,6 +107,7 @@ struct OptionRow {
 constexpr OptionRow option_table[] = {
     {"--backend", parse_backend},
     {"--socket", parse_socket},
+    {"--state", parse_state},
     {"--ring-size", parse_ring_size},
     {"--max-samplers",
      [](std::string_view text, Options &options) {
@@ -137,8 +148,24 @@ EarlyExit mistake(std::string text)
     return {.status = 1, .text = "sflow-samplingd: " + std::move(text) + ", see --help\n"};
 }
 
-/// Checks that hold between options, and the socket's path.
-std::variant<Options, EarlyExit> complete(Options options, const char *tmpdir)
+/// Files about counters that are not given: the daemon's lies beside its socket.
+void complete_counters(Options &options, const Environment &environment)
+{
+    const std::size_t slash = options.socket_path.rfind('/');
+    const std::string beside = options.socket_path.substr(0, slash == std::string::npos ? 0 : slash + 1);
+    options.counters.cache_path = beside + SFLOW_COUNTER_CACHE_NAME;
+    if (!options.counters.state_path.empty())
+        return;
+    const std::string_view directories =
+        environment.state_directory == nullptr ? "" : environment.state_directory;
+    // systemd gives a list, the first of which is enough
+    const std::string_view directory = directories.substr(0, directories.find(':'));
+    options.counters.state_path =
+        directory.empty() ? beside + "samplingd_counters" : std::string(directory) + "/counters";
+}
+
+/// Checks that hold between options, and the paths.
+std::variant<Options, EarlyExit> complete(Options options, const Environment &environment)
 {
     const bool replay_options =
         !options.replay.file.empty() || !options.replay.ingress.empty() || !options.replay.egress.empty();
@@ -150,19 +177,22 @@ std::variant<Options, EarlyExit> complete(Options options, const char *tmpdir)
         options.replay.egress.empty())
         return mistake("backend replay: no interface: --replay-interface NAME is missing");
     if (options.socket_path.empty()) {
-        options.socket_path_assumed = tmpdir == nullptr || *tmpdir == '\0';
-        options.socket_path = options.socket_path_assumed ? default_tmpdir : std::string_view(tmpdir);
+        options.socket_path_assumed = environment.tmpdir == nullptr || *environment.tmpdir == '\0';
+        options.socket_path =
+            options.socket_path_assumed ? default_tmpdir : std::string_view(environment.tmpdir);
         options.socket_path += socket_suffix;
     }
     if (options.socket_path.size() >= sizeof(sockaddr_un::sun_path))
         return mistake("socket " + options.socket_path + ": path: longer than " +
                        std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
+    complete_counters(options, environment);
     return options;
 }
 
 } // namespace
 
-std::variant<Options, EarlyExit> parse_options(const std::vector<std::string> &arguments, const char *tmpdir)
+std::variant<Options, EarlyExit> parse_options(const std::vector<std::string> &arguments,
+                                               const Environment &environment)
 {
     Options options;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -188,7 +218,7 @@ std::variant<Options, EarlyExit> parse_options(const std::vector<std::string> &a
         if (!row->take(value, options))
             return mistake("option " + std::string(name) + ": value \"" + value + "\" is not valid");
     }
-    return complete(std::move(options), tmpdir);
+    return complete(std::move(options), environment);
 }
 
 } // namespace sampling

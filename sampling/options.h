@@ -2,6 +2,7 @@
 #pragma once
 
 #include "bpf_backend.h"
+#include "counter_keeper.h"
 #include "replay_backend.h"
 
 #include <string>
@@ -17,6 +18,7 @@ struct Options {
     BackendKind backend = BackendKind::ebpf;
     BpfOptions bpf;
     ReplayOptions replay;
+    CounterOptions counters;
     std::string socket_path;          ///< of the daemon
     bool socket_path_assumed = false; ///< neither --socket nor TMPDIR was given
     bool verbose = false;
@@ -29,8 +31,13 @@ struct EarlyExit {
     std::string text;
 };
 
-/// @param tmpdir  value of the environment variable TMPDIR, or nullptr
+/// What the options' defaults come from: values of environment variables, or nullptr.
+struct Environment {
+    const char *tmpdir = nullptr;          ///< TMPDIR
+    const char *state_directory = nullptr; ///< STATE_DIRECTORY, which systemd sets
+};
+
 [[nodiscard]] std::variant<Options, EarlyExit> parse_options(const std::vector<std::string> &arguments,
-                                                             const char *tmpdir);
+                                                             const Environment &environment);
 
 } // namespace sampling

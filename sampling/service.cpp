@@ -29,20 +29,24 @@ const Service::Command Service::commands[] = {
 };
 
 Service::Service(EventLoop &loop, Log &log, LinkTable &links, CounterSource &counters,
-                 const std::string &socket_path, const BackendMaker &make_backend)
+                 const CounterOptions &counter_options, const std::string &socket_path,
+                 const BackendMaker &make_backend)
     : loop_(loop), log_(log), links_(links), connection_(loop, log, socket_path, *this),
       backend_(make_backend(*this)), table_(*backend_),
       counters_(
-          loop, log, counters, [this](IFINDEX ifindex) { return links_.find(ifindex); },
+          loop, log, counters, counter_options, [this](IFINDEX ifindex) { return links_.find(ifindex); },
           [this](IFINDEX ifindex) { return backend_->own_counters(ifindex); },
           [this](const sflow_counter_ret_t &record) { connection_.send_answer(bytes_of(record)); })
 {
-    links_.on_removal([this](IFINDEX ifindex) { on_link_removed(ifindex); });
+    links_.on_removal([this](IFINDEX ifindex) { table_.forget_interface(ifindex); });
+    links_.on_farewell(
+        [this](IFINDEX ifindex, const rtnl_link_stats64 *farewell) { counters_.depart(ifindex, farewell); });
 }
 
 Service::~Service()
 {
     links_.on_removal({});
+    links_.on_farewell({});
     loop_.cancel(expiry_);
 }
 
@@ -72,10 +76,9 @@ void Service::on_disconnect()
     backend_->resume();
 }
 
-void Service::on_link_removed(IFINDEX ifindex)
+void Service::on_connect(std::uint64_t daemon)
 {
-    table_.forget_interface(ifindex);
-    counters_.forget_interface(ifindex);
+    counters_.connected(daemon);
 }
 
 void Service::log_once(std::uint32_t type, std::string_view what)
@@ -155,6 +158,8 @@ void Service::on_attach_collector(Bytes bytes)
     if (answer != Answer::ok)
         log_.warning("interface ", links_.name_of(request->ifx), ": attachment to collector ", request->cid,
                      ": ", answer_text(answer), ", answered with ", static_cast<std::int32_t>(answer));
+    else if (request->flag == SFLOW_CONF_FLAG_COUNTER)
+        counters_.reconsider(request->ifx);
     connection_.send_answer(bytes_of(answer_to(*request, answer)));
 }
 

@@ -26,7 +26,8 @@ public:
     using BackendMaker = std::function<std::unique_ptr<Backend>(SampleSink &)>;
 
     Service(EventLoop &loop, Log &log, LinkTable &links, CounterSource &counters,
-            const std::string &socket_path, const BackendMaker &make_backend);
+            const CounterOptions &counter_options, const std::string &socket_path,
+            const BackendMaker &make_backend);
     ~Service() override;
 
     /// Connects to the daemon and keeps connected.
@@ -37,6 +38,7 @@ public:
     [[nodiscard]] bool take(const Sample &sample) override;
     void drained() override;
 
+    void on_connect(std::uint64_t daemon) override;
     void on_record(const RecordView &record) override;
     void on_disconnect() override;
     void on_writable() override;
@@ -59,7 +61,6 @@ private:
     void log_commands();
     void log_information();
     void arm_expiry();
-    void on_link_removed(IFINDEX ifindex);
     void log_once(std::uint32_t type, std::string_view what);
 
     EventLoop &loop_;

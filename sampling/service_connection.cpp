@@ -1,5 +1,7 @@
 #include "service_connection.h"
 
+#include "identity.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <sys/epoll.h>
@@ -85,6 +87,7 @@ void ServiceConnection::adopt(UniqueFd socket)
     was_blocked_ = false;
     watched_ = EPOLLIN;
     loop_.add(socket_.get(), watched_, [this](std::uint32_t events) { on_events(events); });
+    handler_.on_connect(peer_identity(socket_.get()));
 }
 
 void ServiceConnection::on_events(std::uint32_t events)

@@ -25,6 +25,8 @@ public:
     ConnectionHandler &operator=(const ConnectionHandler &) = delete;
     virtual ~ConnectionHandler() = default;
 
+    /// A connection has begun, to the daemon's process of this identity (peer_identity).
+    virtual void on_connect(std::uint64_t daemon) = 0;
     /// One well-formed record (its length is at least a header's and all of it is there).
     virtual void on_record(const RecordView &record) = 0;
     /// The connection has ended; the next attempt is already scheduled.

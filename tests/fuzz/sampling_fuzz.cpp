@@ -17,9 +17,11 @@ struct Rig {
     LinkTable links{loop, log};
     FakeCounters counters;
     SocketPair pair;
-    Service service{loop, log, links, counters, "/nonexistent/socket", [](SampleSink &) {
-                        return std::make_unique<FakeBackend>();
-                    }};
+    Folder folder;
+    Service service{
+        loop, log, links, counters, folder.counter_options(), "/nonexistent/socket", [](SampleSink &) {
+            return std::make_unique<FakeBackend>();
+        }};
 
     Rig()
     {

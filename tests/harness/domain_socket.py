@@ -229,11 +229,20 @@ class ServiceEnd(_End):
                 pass    # the daemon has gone; the receiver sees it next
 
 
+CACHE_IMAGE = "=16xI4x" + GENERIC_FORMAT[1:] + "13I4x"
+GENERIC_COUNTERS = GENERIC_FIELDS[5:-1]
+
+
 class DaemonEnd(_End):
-    """Plays the daemon: listens, accepts one service, replays an empty configuration when asked for it."""
+    """Plays the daemon: listens, accepts one service, replays an empty configuration when asked for it, and keeps the
+    counter bases in its cache file as long as `keep_bases` is set.
+    """
 
     def __init__(self, path):
         super().__init__()
+        self.keep_bases = True
+        self.bases = {}    # interface → field values, octets first to symbol errors last
+        self.cache_path = os.path.join(os.path.dirname(path), "tmp_file")
         os.makedirs(os.path.dirname(path), exist_ok=True)
         self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
@@ -259,6 +268,24 @@ class DaemonEnd(_End):
             self.send(record(CONFIG_START))
             self.send(record(HEADER_LEN, struct.pack("=I", self.header_len)))
             self.send(record(CONFIG_END))
+        elif kind == UPDATE_COUNTER and self.keep_bases:
+            self.add_to_base(body)
+
+    def add_to_base(self, update):
+        """As the daemon does: the largest value of a field makes the sum unknown."""
+        step = [update.generic[name] for name in GENERIC_COUNTERS] + update.ethernet
+        base = self.bases.setdefault(update.generic["ifIndex"], [0] * len(step))
+        for field, value in enumerate(step):
+            unknown = 2**64 - 1 if field in (0, 7) else 2**32 - 1
+            base[field] = unknown if value == unknown else (base[field] + value) & unknown
+        self.write_cache()
+
+    def write_cache(self):
+        images = b"".join(struct.pack(CACHE_IMAGE, ifx, 0, 0, 0, 0, 0, *base[:13], 0, *base[13:])
+                          for ifx, base in self.bases.items())
+        with open(self.cache_path + ".new", "wb") as file:
+            file.write(images)
+        os.replace(self.cache_path + ".new", self.cache_path)
 
     def set_rate(self, ifx, rate, direct, **fields):
         """Sends a setting and returns the service's answer to it."""

@@ -1,5 +1,6 @@
 #include "service_connection.h"
 
+#include "identity.h"
 #include "sampling_fakes.h"
 
 #include <cstdlib>
@@ -20,10 +21,12 @@ using testing::IsEmpty;
 class Recorder final : public ConnectionHandler
 {
 public:
+    void on_connect(std::uint64_t daemon) override { daemons.push_back(daemon); }
     void on_record(const RecordView &record) override { types.push_back(record.type); }
     void on_disconnect() override { ++disconnects; }
     void on_writable() override { ++writables; }
 
+    std::vector<std::uint64_t> daemons;
     std::vector<std::uint32_t> types;
     int disconnects = 0;
     int writables = 0;
@@ -49,6 +52,12 @@ struct Wire {
         pair.send(packet);
     }
 };
+
+TEST(ServiceConnection_adopt, tells_which_process_listens)
+{
+    const Wire wire;
+    EXPECT_THAT(wire.recorder.daemons, ElementsAre(process_identity(::getpid())));
+}
 
 TEST(ServiceConnection_next_delay, doubles_up_to_the_most)
 {

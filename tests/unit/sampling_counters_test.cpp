@@ -17,16 +17,69 @@ sflow_counter_t request(IFINDEX ifx)
     return {.head = head_of<sflow_counter_t>(257), .ifx = ifx, .ifx_type = 3};
 }
 
-TEST(Counters_counter32, keeps_the_low_word_and_never_reads_as_unknown)
+const CounterField &octets = counter_fields[0];
+const CounterField &unicast = counter_fields[1];
+
+TEST(Counters_word_of, keeps_the_fields_width_and_never_reads_as_unknown)
 {
-    EXPECT_EQ(counter32(0), 0U);
-    EXPECT_EQ(counter32(0xFFFFFFFE), 0xFFFFFFFEU);
-    EXPECT_EQ(counter32(0xFFFFFFFF), 0xFFFFFFFEU);
-    EXPECT_EQ(counter32(0x1'0000'0000), 0U);
-    EXPECT_EQ(counter32(0x5'FFFF'FFFF), 0xFFFFFFFEU);
+    struct Row {
+        const CounterField &field;
+        std::optional<std::uint64_t> value;
+        std::uint64_t base, word;
+    };
+    for (const Row &row :
+         {Row{unicast, 0, 0, 0}, Row{unicast, 0xFFFFFFFE, 0, 0xFFFFFFFE},
+          Row{unicast, 0xFFFFFFFF, 0, 0xFFFFFFFE}, Row{unicast, 0x1'0000'0000, 0, 0},
+          Row{unicast, 0x5'FFFF'FFFF, 0, 0xFFFFFFFE},
+          Row{unicast, 100, 0xFFFFFFFF - 100, 99}, // the daemon's sum counts
+          Row{unicast, 100, 0xFFFFFFFF - 99, 100}, Row{unicast, std::nullopt, 7, 0xFFFFFFFF},
+          Row{octets, 0x5'FFFF'FFFF, 0, 0x5'FFFF'FFFF}, Row{octets, std::nullopt, 0, 0xFFFF'FFFF'FFFF'FFFF}})
+        EXPECT_EQ(word_of(row.field, row.value, row.base), row.word)
+            << row.value.value_or(0) << " on " << row.base;
 }
 
-TEST(Counters_generic_counters, of_an_interface_without_mac_statistics)
+TEST(Counters_fields, are_the_26_counters_of_the_record_in_its_order)
+{
+    sflow_counter_ret_t record = {};
+    FieldWords words = {};
+    for (std::size_t i = 0; i < counter_field_count; ++i)
+        words[i] = i + 1;
+    put_words(record, words);
+    EXPECT_EQ(words_of(record), words);
+    EXPECT_EQ(record.generic.ifInOctets, 1U);
+    EXPECT_EQ(record.generic.ifInUnknownProtos, 7U);
+    EXPECT_EQ(record.generic.ifOutOctets, 8U);
+    EXPECT_EQ(record.generic.ifOutErrors, 13U);
+    EXPECT_EQ(record.ether.dot3StatsAlignmentErrors, 14U);
+    EXPECT_EQ(record.ether.dot3StatsSymbolErrors, 26U);
+    EXPECT_EQ(record.generic.ifIndex + record.generic.ifType + record.generic.ifSpeed +
+                  record.generic.ifDirection + record.generic.ifStatus + record.generic.ifPromiscuousMode,
+              0U);
+}
+
+/// A whole report of counters that have no base.
+sflow_counter_ret_t report_of(const LinkCounters &counters, const Link *link = nullptr, IFINDEX ifx = 12)
+{
+    sflow_counter_ret_t report = counter_report(request(ifx), link);
+    const FieldValues values = field_values(counters);
+    FieldWords words = {};
+    for (std::size_t i = 0; i < counter_field_count; ++i)
+        words[i] = word_of(counter_fields[i], values[i]);
+    put_words(report, words);
+    return report;
+}
+
+sflow_generic_counter_t generic_counters(const LinkCounters &counters)
+{
+    return report_of(counters).generic;
+}
+
+sflow_ether_counter_t ether_counters(const LinkCounters &counters)
+{
+    return report_of(counters).ether;
+}
+
+TEST(Counters_field_values, of_an_interface_without_mac_statistics)
 {
     LinkCounters counters;
     counters.link.rx_bytes = 0x1'0000'0001;
@@ -40,7 +93,7 @@ TEST(Counters_generic_counters, of_an_interface_without_mac_statistics)
     counters.link.tx_packets = 200;
     counters.link.tx_dropped = 8;
     counters.link.tx_errors = 9;
-    const sflow_generic_counter_t generic = generic_counters(12, nullptr, counters);
+    const sflow_generic_counter_t generic = generic_counters(counters);
     EXPECT_EQ(generic.ifIndex, 12U);
     EXPECT_EQ(generic.ifType, 6U);
     EXPECT_EQ(generic.ifSpeed, 0U);
@@ -62,7 +115,7 @@ TEST(Counters_generic_counters, of_an_interface_without_mac_statistics)
     EXPECT_EQ(generic.ifPromiscuousMode, 2U);
 }
 
-TEST(Counters_generic_counters, mac_statistics_split_the_packets)
+TEST(Counters_field_values, mac_statistics_split_the_packets)
 {
     LinkCounters counters;
     counters.link.rx_packets = 100;
@@ -72,7 +125,7 @@ TEST(Counters_generic_counters, mac_statistics_split_the_packets)
     counters.mac.rx_broadcast = 10;
     counters.mac.tx_multicast = 40;
     counters.mac.tx_broadcast = 50;
-    const sflow_generic_counter_t generic = generic_counters(1, nullptr, counters);
+    const sflow_generic_counter_t generic = generic_counters(counters);
     EXPECT_EQ(generic.ifInUcastPkts, 70U);
     EXPECT_EQ(generic.ifInMulticastPkts, 20U);
     EXPECT_EQ(generic.ifInBroadcastPkts, 10U);
@@ -81,15 +134,15 @@ TEST(Counters_generic_counters, mac_statistics_split_the_packets)
     EXPECT_EQ(generic.ifOutBroadcastPkts, 50U);
 }
 
-TEST(Counters_generic_counters, more_multicast_than_packets_gives_no_unicast)
+TEST(Counters_field_values, more_multicast_than_packets_gives_no_unicast)
 {
     LinkCounters counters;
     counters.link.rx_packets = 10;
     counters.link.multicast = 11;
-    EXPECT_EQ(generic_counters(1, nullptr, counters).ifInUcastPkts, 0U);
+    EXPECT_EQ(generic_counters(counters).ifInUcastPkts, 0U);
 }
 
-TEST(Counters_generic_counters, status_and_promiscuity_come_from_the_interface)
+TEST(Counters_counter_report, status_and_promiscuity_come_from_the_interface)
 {
     struct Row {
         std::uint32_t flags;
@@ -102,13 +155,13 @@ TEST(Counters_generic_counters, status_and_promiscuity_come_from_the_interface)
         link.flags = row.flags;
         link.oper_up = row.oper_up;
         link.promiscuous = row.promiscuous;
-        const sflow_generic_counter_t generic = generic_counters(1, &link, {});
+        const sflow_generic_counter_t generic = report_of({}, &link).generic;
         EXPECT_EQ(generic.ifStatus, row.status);
         EXPECT_EQ(generic.ifPromiscuousMode, row.mode);
     }
 }
 
-TEST(Counters_ether_counters, come_from_rtnetlink_where_the_mac_tells_nothing)
+TEST(Counters_field_values, come_from_rtnetlink_where_the_mac_tells_nothing)
 {
     LinkCounters counters;
     counters.link.rx_frame_errors = 1;
@@ -134,7 +187,7 @@ TEST(Counters_ether_counters, come_from_rtnetlink_where_the_mac_tells_nothing)
     EXPECT_EQ(ether.dot3StatsSymbolErrors, unknown);
 }
 
-TEST(Counters_ether_counters, collisions_that_cannot_be_told_apart_are_unknown)
+TEST(Counters_field_values, collisions_that_cannot_be_told_apart_are_unknown)
 {
     LinkCounters counters;
     counters.link.collisions = 1;
@@ -143,7 +196,7 @@ TEST(Counters_ether_counters, collisions_that_cannot_be_told_apart_are_unknown)
     EXPECT_EQ(ether.dot3StatsMultipleCollisionFrames, unknown);
 }
 
-TEST(Counters_ether_counters, mac_statistics_win)
+TEST(Counters_field_values, mac_statistics_win_over_rtnetlink)
 {
     LinkCounters counters;
     counters.link.collisions = 1000;
@@ -178,110 +231,12 @@ TEST(Counters_ether_counters, mac_statistics_win)
 
 TEST(Counters_counter_report, echoes_the_request)
 {
-    const sflow_counter_ret_t report = counter_report(request(9), nullptr, {});
+    const sflow_counter_ret_t report = counter_report(request(9), nullptr);
     EXPECT_EQ(report.head.type, 513U);
     EXPECT_EQ(report.head.len, 160U);
     EXPECT_EQ(report.ifx, 9U);
     EXPECT_EQ(report.ifx_type, 3);
     EXPECT_EQ(report.pad, 0U);
-}
-
-struct History {
-    CounterHistory history;
-    LinkCounters counters;
-
-    std::optional<sflow_counter_ret_t> poll(IFINDEX ifx = 5)
-    {
-        return history.compare(counter_report(request(ifx), nullptr, counters), counters);
-    }
-};
-
-TEST(CounterHistory_compare, growing_counters_send_nothing)
-{
-    History h;
-    EXPECT_FALSE(h.poll());
-    h.counters.link.rx_bytes = 100;
-    EXPECT_FALSE(h.poll());
-    EXPECT_FALSE(h.poll());
-}
-
-TEST(CounterHistory_compare, a_restart_reports_what_was_lost_of_each_counter_that_fell)
-{
-    History h;
-    h.counters.link.rx_bytes = 0x1'0000'0000;
-    h.counters.link.rx_packets = 500;
-    h.counters.link.tx_packets = 7;
-    h.counters.link.rx_errors = 3;
-    h.counters.link.rx_crc_errors = 2;
-    EXPECT_FALSE(h.poll());
-    h.counters.link = {};
-    h.counters.link.rx_packets = 20;
-    h.counters.link.tx_packets = 8; // did not fall
-    const auto update = h.poll();
-    ASSERT_TRUE(update);
-    EXPECT_EQ(update->head.type, 516U);
-    EXPECT_EQ(update->head.len, 160U);
-    EXPECT_EQ(update->ifx, 5U);
-    EXPECT_EQ(update->ifx_type, 3);
-    EXPECT_EQ(update->generic.ifIndex, 5U);
-    EXPECT_EQ(update->generic.ifInOctets, 0x1'0000'0000U);
-    EXPECT_EQ(update->generic.ifInUcastPkts, 500U);
-    EXPECT_EQ(update->generic.ifOutUcastPkts, 0U);
-    EXPECT_EQ(update->generic.ifInErrors, 3U);
-    EXPECT_EQ(update->ether.dot3StatsFCSErrors, 2U);
-    EXPECT_FALSE(h.poll()); // told once
-}
-
-TEST(CounterHistory_compare, unknown_values_are_no_loss)
-{
-    History h;
-    h.counters.link.rx_bytes = 10;
-    h.counters.link.collisions = 1; // both collision fields unknown
-    EXPECT_FALSE(h.poll());
-    h.counters.link = {};
-    const auto update = h.poll();
-    ASSERT_TRUE(update);
-    EXPECT_EQ(update->generic.ifInBroadcastPkts, 0U);
-    EXPECT_EQ(update->ether.dot3StatsSingleCollisionFrames, 0U);
-    EXPECT_EQ(update->ether.dot3StatsSQETestErrors, 0U);
-}
-
-TEST(CounterHistory_compare, a_derived_counter_that_jitters_is_no_restart)
-{
-    History h;
-    h.counters.link.rx_packets = 100;
-    EXPECT_FALSE(h.poll());
-    h.counters.link.rx_packets = 101;
-    h.counters.link.multicast = 5; // unicast falls from 100 to 96
-    EXPECT_FALSE(h.poll());
-}
-
-TEST(CounterHistory_compare, a_wrap_of_the_exported_word_is_no_restart)
-{
-    History h;
-    h.counters.link.rx_packets = 0xFFFFFFF0;
-    EXPECT_FALSE(h.poll());
-    h.counters.link.rx_packets = 0x1'0000'0010;
-    EXPECT_FALSE(h.poll());
-}
-
-TEST(CounterHistory_forget, an_interface_that_went_starts_afresh)
-{
-    History h;
-    h.counters.link.rx_bytes = 100;
-    EXPECT_FALSE(h.poll());
-    h.history.forget(5);
-    h.counters.link.rx_bytes = 1;
-    EXPECT_FALSE(h.poll());
-}
-
-TEST(CounterHistory_compare, interfaces_are_kept_apart)
-{
-    History h;
-    h.counters.link.rx_bytes = 100;
-    EXPECT_FALSE(h.poll(5));
-    h.counters.link.rx_bytes = 1;
-    EXPECT_FALSE(h.poll(6));
 }
 
 } // namespace

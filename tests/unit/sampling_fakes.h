@@ -2,14 +2,19 @@
 #pragma once
 
 #include "backend.h"
+#include "counter_keeper.h"
 #include "event_loop.h"
 #include "kernel_counters.h"
 #include "log.h"
 #include "records.h"
+#include "sflow_counter_cache.h"
 #include "unique_fd.h"
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
@@ -90,6 +95,59 @@ public:
     int single_reads = 0;
     int bulk_reads = 0;
 };
+
+/// A folder that goes with its object; in memory where the machine has such a place.
+class Folder
+{
+public:
+    Folder()
+    {
+        const bool in_memory = std::filesystem::is_directory("/dev/shm");
+        std::string name = (in_memory ? "/dev/shm/" : testing::TempDir()) + "sampling.XXXXXX";
+        EXPECT_NE(::mkdtemp(name.data()), nullptr) << name;
+        path_ = name;
+    }
+    ~Folder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    Folder(const Folder &) = delete;
+    Folder &operator=(const Folder &) = delete;
+
+    [[nodiscard]] std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
+    [[nodiscard]] CounterOptions counter_options() const
+    {
+        CounterOptions options;
+        options.state_path = file("state");
+        options.cache_path = file(SFLOW_COUNTER_CACHE_NAME);
+        return options;
+    }
+
+private:
+    std::string path_;
+};
+
+/// Writes the daemon's cache file.
+inline void write_cache(const std::string &path, const std::map<IFINDEX, FieldWords> &bases)
+{
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    for (const auto &[ifindex, words] : bases) {
+        sflow_counter_node_t image = {};
+        image.ifx = ifindex;
+        put_words(image, words);
+        file.write(reinterpret_cast<const char *>(&image), sizeof(image));
+    }
+}
+
+/// Adds an update to a base as the daemon does: the largest value of a field makes the sum unknown.
+inline void accumulate(FieldWords &base, const FieldWords &update)
+{
+    for (std::size_t i = 0; i < counter_field_count; ++i) {
+        const std::uint64_t mask = counter_fields[i].mask();
+        base[i] = update[i] == mask ? mask : (base[i] + update[i]) & mask;
+    }
+}
 
 /// A connected pair of the sockets that the daemon and the service use.
 struct SocketPair {

@@ -30,6 +30,7 @@ struct Fields {
     std::uint32_t flags = IFF_UP;
     int oper_state = 6; // up
     std::uint32_t promiscuity = 0;
+    std::optional<std::uint64_t> received_bytes = std::nullopt;
 };
 
 NlMsg link_message(const Fields &fields)
@@ -44,6 +45,11 @@ NlMsg link_message(const Fields &fields)
     nla_put_string(message.get(), IFLA_IFNAME, fields.name);
     nla_put_u8(message.get(), IFLA_OPERSTATE, static_cast<std::uint8_t>(fields.oper_state));
     nla_put_u32(message.get(), IFLA_PROMISCUITY, fields.promiscuity);
+    if (fields.received_bytes) {
+        rtnl_link_stats64 statistics = {};
+        statistics.rx_bytes = *fields.received_bytes;
+        nla_put(message.get(), IFLA_STATS64, sizeof(statistics), &statistics);
+    }
     if (fields.kind != nullptr) {
         nlattr *link_info = nla_nest_start(message.get(), IFLA_LINKINFO);
         nla_put_string(message.get(), IFLA_INFO_KIND, fields.kind);
@@ -57,9 +63,14 @@ struct Links {
     LogLines log;
     LinkTable table{loop, log.log};
     std::vector<IFINDEX> removed;
+    std::vector<std::optional<std::uint64_t>> farewells; ///< received bytes
 
     Links()
     {
+        table.on_farewell([this](IFINDEX, const rtnl_link_stats64 *last) {
+            farewells.push_back(last == nullptr ? std::nullopt
+                                                : std::optional<std::uint64_t>(last->rx_bytes));
+        });
         table.on_removal([this](IFINDEX ifindex) { removed.push_back(ifindex); });
     }
     void take(const Fields &fields) { table.take(link_message(fields).get()); }
@@ -121,6 +132,19 @@ TEST(LinkTable_take, removal_is_told_in_a_later_round)
     EXPECT_THAT(links.removed, IsEmpty());
     settle(links.loop);
     EXPECT_THAT(links.removed, ElementsAre(made_up));
+}
+
+TEST(LinkTable_take, the_last_statistics_of_an_interface_are_told_at_once)
+{
+    Links links;
+    links.take({});
+    links.take({.type = RTM_DELLINK, .received_bytes = 4711});
+    EXPECT_THAT(links.farewells, ElementsAre(4711U));
+    links.take({.type = RTM_DELLINK, .received_bytes = 4712}); // nobody's
+    EXPECT_THAT(links.farewells, ElementsAre(4711U));
+    links.take({});
+    links.take({.type = RTM_DELLINK});
+    EXPECT_THAT(links.farewells, ElementsAre(4711U, std::nullopt));
 }
 
 TEST(LinkTable_take, notices_of_a_bridge_port_say_nothing_about_the_interface)

@@ -12,9 +12,10 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-Options accepted(const std::vector<std::string> &arguments, const char *tmpdir = "/var/tmp")
+Options accepted(const std::vector<std::string> &arguments, const char *tmpdir = "/var/tmp",
+                 const char *state_directory = nullptr)
 {
-    auto parsed = parse_options(arguments, tmpdir);
+    auto parsed = parse_options(arguments, {.tmpdir = tmpdir, .state_directory = state_directory});
     if (const auto *early = std::get_if<EarlyExit>(&parsed)) {
         ADD_FAILURE() << early->text;
         return {};
@@ -24,7 +25,7 @@ Options accepted(const std::vector<std::string> &arguments, const char *tmpdir =
 
 EarlyExit refused(const std::vector<std::string> &arguments)
 {
-    auto parsed = parse_options(arguments, "/var/tmp");
+    auto parsed = parse_options(arguments, {.tmpdir = "/var/tmp", .state_directory = nullptr});
     if (auto *early = std::get_if<EarlyExit>(&parsed))
         return *early;
     ADD_FAILURE() << "accepted";
@@ -51,6 +52,27 @@ TEST(Options_parse_options, without_tmpdir_the_socket_is_assumed_under_run)
     const Options given = accepted({"--socket", "/x/y"}, nullptr);
     EXPECT_EQ(given.socket_path, "/x/y");
     EXPECT_FALSE(given.socket_path_assumed);
+}
+
+TEST(Options_parse_options, counters_are_remembered_beside_the_socket_unless_a_place_is_given)
+{
+    struct Row {
+        std::vector<std::string> arguments;
+        const char *state_directory;
+        const char *state;
+        const char *cache;
+    };
+    for (const Row &row : {Row{{}, nullptr, "/var/tmp/sflow/samplingd_counters", "/var/tmp/sflow/tmp_file"},
+                           Row{{}, "", "/var/tmp/sflow/samplingd_counters", "/var/tmp/sflow/tmp_file"},
+                           Row{{}, "/var/lib/sflow", "/var/lib/sflow/counters", "/var/tmp/sflow/tmp_file"},
+                           Row{{}, "/var/lib/a:/var/lib/b", "/var/lib/a/counters", "/var/tmp/sflow/tmp_file"},
+                           Row{{"--state", "/x/y"}, "/var/lib/sflow", "/x/y", "/var/tmp/sflow/tmp_file"},
+                           Row{{"--socket", "/s/socket"}, nullptr, "/s/samplingd_counters", "/s/tmp_file"},
+                           Row{{"--socket", "socket"}, nullptr, "samplingd_counters", "tmp_file"}}) {
+        const Options options = accepted(row.arguments, "/var/tmp", row.state_directory);
+        EXPECT_EQ(options.counters.state_path, row.state);
+        EXPECT_EQ(options.counters.cache_path, row.cache);
+    }
 }
 
 TEST(Options_parse_options, replay_with_everything)
@@ -122,8 +144,8 @@ TEST(Options_parse_options, help_and_version_end_with_status_0)
     const EarlyExit help = refused({"--help"});
     EXPECT_EQ(help.status, 0);
     for (const char *option :
-         {"--backend", "--socket", "--verbose", "--version", "--ring-size", "--max-samplers", "--replay",
-          "--replay-interface", "--replay-egress-interface", "--replay-speed", "--replay-loop",
+         {"--backend", "--socket", "--state", "--verbose", "--version", "--ring-size", "--max-samplers",
+          "--replay", "--replay-interface", "--replay-egress-interface", "--replay-speed", "--replay-loop",
           "--replay-seed"})
         EXPECT_THAT(help.text, HasSubstr(option));
     const EarlyExit version = refused({"--version"});

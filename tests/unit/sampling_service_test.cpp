@@ -23,13 +23,24 @@ struct Rig {
     FakeCounters counters;
     FakeBackend *backend = nullptr;
     SocketPair pair;
-    Service service{loop, log.log, links, counters, "/nonexistent/socket", [this](SampleSink &) {
-                        auto made = std::make_unique<FakeBackend>();
-                        backend = made.get();
-                        return made;
-                    }};
+    Folder folder;
+    CounterOptions counter_options = options_of(folder);
+    Service service{
+        loop, log.log, links, counters, counter_options, "/nonexistent/socket", [this](SampleSink &) {
+            auto made = std::make_unique<FakeBackend>();
+            backend = made.get();
+            return made;
+        }};
 
     Rig() { service.adopt(std::move(pair.service)); }
+
+    /// Looks for confirmations in every round of the loop.
+    static CounterOptions options_of(const Folder &folder)
+    {
+        CounterOptions options = folder.counter_options();
+        options.pause = Clock::duration::zero();
+        return options;
+    }
 
     template <typename Record>
     void send(const Record &record)
@@ -236,7 +247,7 @@ TEST(Service_get_counter, a_burst_is_answered_in_slices_so_that_samples_pass_bet
     EXPECT_EQ(rig.received().size(), CounterServer::slice);
 }
 
-TEST(Service_get_counter, restarted_counters_send_the_lost_part_ahead_of_the_answer)
+TEST(Service_get_counter, restarted_counters_send_the_lost_part_and_answer_when_the_daemon_has_it)
 {
     Rig rig;
     rig.counters.links[loopback].rx_bytes = 5000;
@@ -246,15 +257,93 @@ TEST(Service_get_counter, restarted_counters_send_the_lost_part_ahead_of_the_ans
     rig.counters.links[loopback] = {};
     rig.counters.links[loopback].rx_bytes = 100;
     rig.ask_counters(loopback);
-    const auto records = rig.received();
-    ASSERT_EQ(records.size(), 2U);
+    auto records = rig.received();
+    ASSERT_EQ(records.size(), 1U);
     EXPECT_EQ(records[0].type, 516U);
     const auto update = records[0].as<sflow_counter_ret_t>();
+    EXPECT_EQ(update.ifx, loopback);
+    EXPECT_EQ(update.ifx_type, 1);
     EXPECT_EQ(update.generic.ifIndex, loopback);
     EXPECT_EQ(update.generic.ifInOctets, 5000U);
     EXPECT_EQ(update.generic.ifInUcastPkts, 50U);
-    EXPECT_EQ(records[1].type, 513U);
-    EXPECT_EQ(records[1].as<sflow_counter_ret_t>().generic.ifInOctets, 100U);
+    EXPECT_EQ(update.generic.ifStatus + update.generic.ifType + update.generic.ifPromiscuousMode, 0U);
+    settle(rig.loop);
+    EXPECT_THAT(rig.received(), IsEmpty());
+    write_cache(rig.counter_options.cache_path, {{loopback, words_of(update)}});
+    settle(rig.loop);
+    records = rig.received();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].type, 513U);
+    EXPECT_EQ(records[0].as<sflow_counter_ret_t>().generic.ifInOctets, 100U);
+}
+
+TEST(Service_get_counter, an_update_is_on_record_before_it_leaves)
+{
+    Rig rig;
+    rig.counters.links[loopback].rx_bytes = 5000;
+    rig.ask_counters(loopback);
+    rig.counters.links[loopback] = {};
+    rig.send(sflow_counter_t{.head = head_of<sflow_counter_t>(257), .ifx = loopback, .ifx_type = 1});
+    // what stands in the file at the first moment at which the update could have left
+    CounterStateFile file(rig.log.log, rig.counter_options.state_path);
+    const auto slots = file.load();
+    ASSERT_EQ(slots.size(), 1U);
+    EXPECT_FALSE(slots.begin()->second.confirmed);
+    EXPECT_EQ(slots.begin()->second.memory.wanted_base()[0], 5000U);
+}
+
+TEST(Service_get_counter, other_interfaces_are_answered_while_one_waits)
+{
+    Rig rig;
+    constexpr IFINDEX other = 77;
+    rig.counters.links[loopback].rx_bytes = 5000;
+    rig.counters.links[other] = {};
+    rig.ask_counters(loopback);
+    rig.counters.links[loopback] = {};
+    rig.ask_counters(loopback);
+    ASSERT_EQ(rig.received().size(), 2U);
+    rig.ask_counters(loopback);
+    rig.ask_counters(other);
+    const auto records = rig.received();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].as<sflow_counter_ret_t>().ifx, other);
+}
+
+TEST(Service_get_counter, what_waits_is_dropped_with_its_connection)
+{
+    Rig rig;
+    rig.counters.links[loopback].rx_bytes = 5000;
+    rig.ask_counters(loopback);
+    rig.counters.links[loopback] = {};
+    rig.ask_counters(loopback);
+    rig.pair.daemon.reset();
+    settle(rig.loop);
+    SocketPair next;
+    rig.service.adopt(std::move(next.service));
+    settle(rig.loop);
+    EXPECT_THAT(receive_all(next), IsEmpty());
+}
+
+TEST(Service_attach_collector, of_counters_has_the_daemons_base_looked_up_again)
+{
+    Rig rig;
+    rig.counters.links[loopback].rx_bytes = 5000;
+    rig.ask_counters(loopback);
+    EXPECT_EQ(rig.received().size(), 1U);
+    FieldWords stray = {};
+    stray[0] = 7; // the daemon's base is not what it was
+    write_cache(rig.counter_options.cache_path, {{loopback, stray}});
+    rig.ask_counters(loopback);
+    EXPECT_EQ(rig.received()[0].type, 513U);
+    for (const std::int32_t flag : {SFLOW_CONF_FLAG_FLOW, SFLOW_CONF_FLAG_COUNTER}) {
+        rig.send(sflow_ifx_is_conf_t{
+            .head = head_of<sflow_ifx_is_conf_t>(261), .ifx = loopback, .flag = flag, .cid = 1});
+        EXPECT_EQ(rig.received().size(), 1U);
+        rig.ask_counters(loopback);
+        const auto records = rig.received();
+        ASSERT_EQ(records.size(), 1U);
+        EXPECT_EQ(records[0].type, flag == SFLOW_CONF_FLAG_COUNTER ? 516U : 513U);
+    }
 }
 
 TEST(Service_records, unknown_types_and_wrong_lengths_are_logged_once_and_skipped)
