@@ -11,7 +11,7 @@ namespace platform
 {
 
 enum class LogTarget {
-    automatic, ///< syslog(3) while /dev/log exists, otherwise standard error
+    automatic, ///< syslog(3) while something listens at /dev/log, otherwise standard error
     syslog,
     standard_error,
 };

@@ -79,7 +79,11 @@ def test_lines_go_to_dev_log_with_their_priority(stage, machine):
     assert stage.daemon.log() == "", "nothing on standard error beside"
 
 
-def test_without_dev_log_lines_go_to_standard_error(stage, machine):
+@pytest.mark.parametrize("left_over", [False, True])
+def test_without_a_system_log_lines_go_to_standard_error(stage, machine, left_over):
+    if left_over:       # the socket's file outlives its log daemon
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as gone:
+            gone.bind(str(machine.dev_log))
     speak(stage, machine)
     for line in (WARNING, DEBUG):
         wait_for(lambda: f"{line}\n" in stage.daemon.log(), line)
