@@ -4,7 +4,9 @@ target_link_libraries(desk PUBLIC sflow_app platform_cli platform_acl_service pl
                                   platform_cpu_placement platform_health_monitor platform_format platform_lsm
                       PRIVATE sflow_build_flags)
 target_include_directories(desk PUBLIC ${PROJECT_SOURCE_DIR}/platform)
-target_link_options(desk INTERFACE -Wl,--wrap=pthread_create)
+target_link_options(desk INTERFACE
+    -Wl,--wrap=pthread_create
+    -Wl,--wrap=_Z22kx_thread_insert_timerP16kx_thread_masterP11kx_thread_tPFiS2_EPvlPKc)
 sflow_unit_test(desk_property_test SOURCES desk_property_test.cpp LIBS desk)
 sflow_unit_test(desk_startup_test SOURCES desk_startup_test.cpp LIBS desk)
 sflow_unit_test(desk_tech_test SOURCES desk_tech_test.cpp LIBS desk)
