@@ -161,3 +161,36 @@ def test_sfacctd_counts_every_flow_sample(link, export, tmp_path):
     finally:
         os.killpg(process.pid, signal.SIGKILL)    # the plugin is a process of its own
         process.wait(20)
+
+
+KERNEL_FIELDS = {"ifinoct": ("rx", "bytes"), "ifinpkt": ("rx", "packets"), "ifoutoct": ("tx", "bytes"),
+                 "ifoutpkt": ("tx", "packets")}
+
+
+def test_tshark_shows_the_counters_of_the_kernel(link, tmp_path):
+    """Speed, duplex, states, octets and packets of a real interface, through the whole chain."""
+    link.start()
+    listener = link.collector()
+    link.sandbox.configure(f"sflow agent address {SWITCH4}", f"sflow collector 1 destination {HOST4} 6343",
+                           "sflow counter interval 3", "interface port1", "sflow counter collector 1", "sflow enable")
+    link.generate(5_000)
+    link.generate(3_000, "egress")
+    path = tmp_path / "capture.pcapng"
+    process = capture(link, path)
+    try:
+        count = len(listener.counters())
+        wait_for(lambda: len(listener.counters()) >= count + 2, "reports of after the traffic", seconds=60)
+        wait_for(lambda: count_packets(path) >= 2, "the capture")
+    finally:
+        stop(process)
+    statistics = json.loads(link.switch.ip("-j", "-s", "link", "show", "port1"))[0]["stats64"]
+    names = ["ifindex", "ifspeed", "ifdirection", "ifadmin_status", "ifoper_status", *KERNEL_FIELDS]
+    rows = subprocess.run(["tshark", "-r", str(path), "-o", "sflow.enable_dissection:FALSE", "-Y", "sflow_245.ifindex",
+                           "-T", "fields", *(word for name in names for word in ("-e", f"sflow_245.{name}"))],
+                          capture_output=True, text=True, check=True).stdout.splitlines()
+    last = dict(zip(names, rows[-1].split("\t")))
+    expected = {"ifindex": str(link.index), "ifspeed": str(10**10), "ifdirection": "1", "ifadmin_status": "1",
+                "ifoper_status": "1"}
+    expected |= {name: str(statistics[way][what]) for name, (way, what) in KERNEL_FIELDS.items()}
+    assert last == expected
+    assert int(last["ifinpkt"]) >= 5_000 and int(last["ifoutpkt"]) >= 3_000
