@@ -271,8 +271,8 @@ CLI_EOL(ver_end, show_version);
 CLI_KEYWORD(tech, "tech-support", "System information for the support", USER, tech_end, Tno_alt);
 CLI_EOL_OR(tech_end, show_tech_support, tech_file);
 CLI_KEYWORD(tech_file, "file", "Write it to a file", PRIVILEGED, tech_path, Tno_alt);
-CLI_STRING(tech_path, "Name or path of a file that does not exist yet", CLI_SLOT(string_var[0]), tech_path_end,
-           Tno_alt);
+CLI_STRING(tech_path, "Name or path of a file that does not exist yet", CLI_SLOT(string_var[0]),
+           tech_path_end, Tno_alt);
 CLI_EOL(tech_path_end, show_tech_support_file);
 
 struct Tree {
