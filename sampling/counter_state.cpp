@@ -18,10 +18,10 @@ constexpr std::uint32_t record_magic = 0x53434d31; // changes with the layout
 constexpr std::uint32_t confirmed_flag = 1;
 constexpr std::uint32_t departed_flag = 2;
 // A file below this is not worth writing anew; above it, when it is four times what it need be.
-constexpr std::size_t least_rewrite_bytes = 256 * 1024;
+constexpr std::size_t least_rewrite_bytes = std::size_t{256} * 1024;
 constexpr std::size_t slack = 4;
 // Larger than any that this service writes: somebody else's.
-constexpr std::size_t most_bytes = 512 * 1024 * 1024;
+constexpr std::size_t most_bytes = std::size_t{512} * 1024 * 1024;
 
 struct StateRecord {
     std::uint32_t magic;
@@ -170,6 +170,7 @@ bool CounterStateFile::append(const std::vector<CounterSlot> &changed,
         static_cast<std::size_t>(status.st_size) != size_)
         return false;
     std::vector<StateRecord> records;
+    records.reserve(changed.size());
     for (const CounterSlot slot : changed)
         records.push_back(encode(slot, all.at(slot)));
     whole_ = write_all(file_.get(), records);
@@ -188,6 +189,7 @@ bool CounterStateFile::rewrite(const std::map<CounterSlot, RememberedCounters> &
         return false;
     }
     std::vector<StateRecord> records;
+    records.reserve(all.size());
     for (const auto &[slot, remembered] : all)
         records.push_back(encode(slot, remembered));
     if (!write_all(file.get(), records) || ::fdatasync(file.get()) != 0 ||
