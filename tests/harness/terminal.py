@@ -1,6 +1,7 @@
 """sflow-cli at a terminal of its own: a pseudo-terminal, keys in, screen text out."""
 import fcntl
 import os
+import pathlib
 import re
 import signal
 import struct
@@ -11,6 +12,7 @@ import threading
 from harness.daemon import BIN
 from harness.wait import wait_for
 
+SUPPRESSIONS = pathlib.Path(__file__).parents[1] / "lsan.supp"
 ESCAPES = re.compile(r"\x1b(\[[0-?]*[ -/]*[@-~]|[()][0-9A-B]|[=>78])")
 
 
@@ -25,6 +27,7 @@ class Terminal:
         self._master, slave = os.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
         env = {**sandbox.environment, "TERM": "dumb", "LC_ALL": "C.UTF-8", "HOME": str(sandbox.path),
+               "LSAN_OPTIONS": f"suppressions={SUPPRESSIONS}:print_suppressions=0",
                **(environment or {})}
         self.popen = subprocess.Popen([str(BIN / "sflow-cli"), *arguments], env=env, stdin=slave, stdout=slave,
                                       stderr=slave, start_new_session=True,
