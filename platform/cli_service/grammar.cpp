@@ -72,6 +72,16 @@ constexpr std::array attach_points{
 
 } // namespace
 
+std::span<const Mode> all_modes()
+{
+    static const auto list = [] {
+        std::array<Mode, modes.size()> all{};
+        std::transform(modes.begin(), modes.end(), all.begin(), [](const ModeRow &row) { return row.mode; });
+        return all;
+    }();
+    return list;
+}
+
 const char *mode_name(Mode mode)
 {
     return modes[static_cast<std::size_t>(mode)].name;

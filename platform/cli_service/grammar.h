@@ -18,6 +18,8 @@ namespace cli
 
 enum class Mode { exec, config, interface, ifrange };
 
+[[nodiscard]] std::span<const Mode> all_modes();
+
 /// CLI_MODE_* of a mode, and back.
 [[nodiscard]] const char *mode_name(Mode mode);
 [[nodiscard]] std::optional<Mode> mode_by_name(std::string_view name);

@@ -1,6 +1,7 @@
 """sflow-cli at a terminal: what an operator types and sees."""
 import contextlib
 import os
+import pathlib
 import signal
 import subprocess
 import termios
@@ -244,11 +245,18 @@ def a_command_that_is_not_answered(stage, terminal, line):
     """Runs `line` while the daemon is stopped; inside, the request lies in the daemon's socket."""
     stage.daemon.popen.send_signal(signal.SIGSTOP)
     try:
+        wait_for(lambda: is_stopped(stage.daemon.pid), "the daemon to stop", 30)
         terminal.type(line + "\r")
         wait_for(lambda: waiting_requests(stage), "the request to be sent", 30)
         yield
     finally:
         stage.daemon.popen.send_signal(signal.SIGCONT)
+
+
+def is_stopped(pid):
+    """Whether every thread of a process has come to its halt; the signal alone takes a while."""
+    states = [path.read_text().rpartition(")")[2].split()[0] for path in pathlib.Path(f"/proc/{pid}/task").glob("*/stat")]
+    return set(states) == {"T"}
 
 
 def waiting_requests(stage):
