@@ -87,7 +87,8 @@ static_assert(sizeof(acl_reg_t) == 17 * sizeof(void (*)()));
 /// Registers a client. acl_svr_status_notify(true) follows on `master` as soon as the service is up.
 ///
 /// @param name          the client's name in the service's listings; copied. A second call with the same name
-///                      replaces the registration.
+///                      replaces the registration: every reference has ended, and every client, this one
+///                      included, is told that the service is up
 /// @param registration  copied
 /// @return 0, ACL_ERR_INVALID or ACL_ERR_NO_MEMORY
 int acl_agent_init(const char *name, kx_thread_master_t *master, const acl_reg_t *registration);

@@ -77,8 +77,8 @@ extern const struct_transtion Tno_acc;
 constexpr int64_t CLI_PARSER_C2P = 0x02;        ///< running configuration is being collected
 constexpr int64_t CLI_PARSER_C2P_REFORM = 0x10; ///< the same, after cli_client_c2p_reform
 
-constexpr int CLI_INT_VARS = 5;
-constexpr int CLI_ADDR_VARS = 2;
+constexpr int CLI_INT_VARS = 15;
+constexpr int CLI_ADDR_VARS = 4;
 constexpr int CLI_STRING_VARS = 3;
 constexpr int CLI_STRING_LEN = 256; ///< bytes, the terminating NUL included
 
@@ -87,6 +87,11 @@ constexpr int CLI_STRING_LEN = 256; ///< bytes, the terminating NUL included
 #define CLI_MODE_CONFIG "config"
 #define CLI_MODE_INTERFACE "interface"
 #define CLI_MODE_IFRANGE "ifrange"
+/// Modes in which the entries of a list are typed, one a kind of list; see cli_enter_mode.
+#define CLI_MODE_ACL_STANDARD "acl-standard"
+#define CLI_MODE_ACL_EXTENDED "acl-extended"
+#define CLI_MODE_ACL_IPV6 "acl-ipv6"
+#define CLI_MODE_ACL_MAC "acl-mac"
 
 /// What a command line left behind. Zeroed for each line; one record a command, valid until its handler
 /// returns or, after cli_proc_thread_start, until cli_proc_thread_end.
@@ -108,7 +113,7 @@ struct struct_command_data_block {
 
     /// Interface of mode "interface". In mode "ifrange": the kinds of all interfaces of the range
     /// (lsm_if_get_kind_mask); a line that matches so is matched again, and its handler runs, once a member in
-    /// mode "interface" with its index here.
+    /// mode "interface" with its index here. In the modes of lists: what cli_enter_mode was given.
     u_int64_t mode_intidx;
     const char *mode_name;   ///< CLI_MODE_*
     const char *contex_swap; ///< name of the test expression that was evaluated last
@@ -148,6 +153,8 @@ constexpr u_int64_t CLI_KEYWORD_FLAG_HIDDEN = 4; ///< matched, never listed by h
 constexpr u_int64_t CLI_KEYWORD_FLAG_VALUE = 8;  ///< a match writes `value` to `var_pos`
 
 constexpr u_int64_t CLI_NUMBER_FLAG = 258;
+constexpr u_int64_t CLI_NUMBER_FLAG_HEX =
+    0x10000; ///< also taken as 0x and hexadecimal digits, and offered so
 constexpr u_int64_t CLI_IPV4_FLAG = 2;
 constexpr u_int64_t CLI_IPV6_FLAG = 66;
 constexpr u_int64_t CLI_STRING_FLAG = 2;
@@ -186,6 +193,29 @@ struct struct_common_ipaddr {
     u_int64_t nVarPos;
     u_int64_t nFlagVarPos; ///< slot that receives nValue; 0: none
     u_int64_t nValue;
+};
+
+/// Address and length of a prefix in one word, A.B.C.D/LEN or X:X::X:X/LEN. Host bits are stored as typed.
+struct struct_common_prefix {
+    const char *pHelp;
+    u_int64_t nFlag;   ///< CLI_IPV4_FLAG or CLI_IPV6_FLAG
+    u_int64_t nVarPos; ///< address slot
+    u_int64_t nLenPos; ///< slot of the length
+};
+
+/// Ethernet address, six bytes at the front of an address slot: 00:11:22:33:44:55, 00-11-22-33-44-55 or
+/// 0011.2233.4455.
+struct struct_common_mac {
+    const char *pHelp;
+    u_int64_t nFlag;
+    u_int64_t nVarPos;
+};
+
+/// The rest of the line, one word or more, at most 255 bytes; blanks between words become one.
+struct struct_common_text {
+    const char *pHelp;
+    u_int64_t nFlag;
+    u_int64_t nVarPos;
 };
 
 /// One word of at most 255 bytes.
@@ -241,6 +271,9 @@ int common_number_action(struct_command_data_block *record, const struct_transti
 int ipaddr_action(struct_command_data_block *record, const struct_transtion *t);
 int ipaddr_v6_action(struct_command_data_block *record, const struct_transtion *t);
 int string_action(struct_command_data_block *record, const struct_transtion *t);
+int prefix_action(struct_command_data_block *record, const struct_transtion *t);
+int mac_action(struct_command_data_block *record, const struct_transtion *t);
+int text_action(struct_command_data_block *record, const struct_transtion *t);
 int interface_action(struct_command_data_block *record, const struct_transtion *t);
 int set_cdb_var_action(struct_command_data_block *record, const struct_transtion *t);
 int test_expression_action(struct_command_data_block *record, const struct_transtion *t);
@@ -284,6 +317,16 @@ int append_point_action(struct_command_data_block *record, const struct_transtio
 #define CLI_STRING(node, help, slot, acc, alt)                                                               \
     constinit const struct_common_string node##_arg = {help, CLI_STRING_FLAG, slot};                         \
     constinit const struct_transtion node = {string_action, &node##_arg, &(acc), &(alt)}
+#define CLI_PREFIX(node, help, flags, slot, len_slot, acc, alt)                                              \
+    constinit const struct_common_prefix node##_arg = {help, flags, slot, len_slot};                         \
+    constinit const struct_transtion node = {prefix_action, &node##_arg, &(acc), &(alt)}
+#define CLI_MAC(node, help, slot, acc, alt)                                                                  \
+    constinit const struct_common_mac node##_arg = {help, CLI_STRING_FLAG, slot};                            \
+    constinit const struct_transtion node = {mac_action, &node##_arg, &(acc), &(alt)}
+/// Only the end of the line may follow.
+#define CLI_TEXT(node, help, slot, acc, alt)                                                                 \
+    constinit const struct_common_text node##_arg = {help, CLI_STRING_FLAG, slot};                           \
+    constinit const struct_transtion node = {text_action, &node##_arg, &(acc), &(alt)}
 #define CLI_INTERFACE(node, kinds, slot, acc, alt)                                                           \
     constinit const struct_common_interface node##_arg = {nullptr, nullptr, kinds, CLI_VARIABLE_FLAG,        \
                                                           slot,    0,       0};                              \
@@ -323,6 +366,10 @@ enum cli_attach_t : int {
     PARSE_ADD_CFG_AFT_INTF_CMD = 42, ///< configuration mode; printed after the interfaces
     PARSE_ADD_INTERFACE_CMD = 59,    ///< interface and interface-range mode
     PARSE_ADD_DEBUG_SUPPORT_SHOW_TECH_CMD = 518, ///< exec mode, after `show tech-support`
+    PARSE_ADD_ACL_STANDARD_CMD = 1001,           ///< the modes CLI_MODE_ACL_*
+    PARSE_ADD_ACL_EXTENDED_CMD = 1002,
+    PARSE_ADD_ACL_IPV6_CMD = 1003,
+    PARSE_ADD_ACL_MAC_CMD = 1004,
 };
 
 /// Hooks a tree in. Trees of one attach point are tried, and printed in the running configuration, in the
@@ -366,8 +413,16 @@ int cli_printf(const char *format, ...);
 /// Marks the command failed. Output is the handler's own business.
 void cli_client_execmd_fail(struct_command_data_block *record);
 
+/// The session that typed the command goes on in a mode of lists (CLI_MODE_ACL_*) or, with CLI_MODE_CONFIG,
+/// leaves it. Its next lines have the mode and, as mode_intidx, `index`; lines that are no commands of the mode
+/// are taken as configuration commands, which leave it.
+/// @param label  names the list in the prompt; copied
+/// @return 0, or -1 for another mode or a command that no session typed
+int cli_enter_mode(struct_command_data_block *record, const char *mode_name, u_int64_t index,
+                   const char *label);
+
 /// Adds one line to the running configuration; does nothing outside a c2p pass. A newline at the end of the
-/// text is dropped. Lines of mode "interface" are indented by one blank. Formats as zformat.h; at most 1023
+/// text is dropped. Lines of mode "interface" and of the modes of lists are indented by one blank. Formats as zformat.h; at most 1023
 /// bytes.
 /// @param non_default  0: the value is the default, the line is shown by `show running-config all` only
 /// @return 0, or -1 when there was nowhere to add it

@@ -2,6 +2,7 @@
 
 #include "platform/acl.h"
 
+#include "acl_service/acl_commands.h"
 #include "acl_service/acl_service.h"
 
 #include <new>
@@ -12,7 +13,11 @@ int acl_agent_init(const char *name, kx_thread_master_t *master, const acl_reg_t
 try {
     if (name == nullptr || *name == '\0' || master == nullptr || registration == nullptr)
         return ACL_ERR_INVALID;
-    return acl_service().attach(name, master, *registration);
+    const int result = acl_service().attach(name, master, *registration);
+    if (result != ACL_OK)
+        return result;
+    // Operators enter lists only where somebody can use them.
+    return platform::add_acl_commands() == 0 ? ACL_OK : ACL_ERR_NOT_READY;
 } catch (const std::bad_alloc &) {
     return ACL_ERR_NO_MEMORY;
 }

@@ -49,6 +49,21 @@ int string_action(struct_command_data_block *record, const struct_transtion *t)
     return take_argument(record, t, cli::Argument::string);
 }
 
+int prefix_action(struct_command_data_block *record, const struct_transtion *t)
+{
+    return take_argument(record, t, cli::Argument::prefix);
+}
+
+int mac_action(struct_command_data_block *record, const struct_transtion *t)
+{
+    return take_argument(record, t, cli::Argument::mac);
+}
+
+int text_action(struct_command_data_block *record, const struct_transtion *t)
+{
+    return take_argument(record, t, cli::Argument::text);
+}
+
 int interface_action(struct_command_data_block *record, const struct_transtion *t)
 {
     return take_argument(record, t, cli::Argument::interface);

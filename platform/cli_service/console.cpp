@@ -55,6 +55,8 @@ Place Console::place() const
     if (mode_ == Mode::ifrange)
         for (const IFINDEX member : members_)
             place.intidx |= lsm_if_get_kind_mask(member);
+    if (is_list_mode(mode_))
+        place.intidx = list_;
     return place;
 }
 
@@ -64,6 +66,8 @@ void Console::enter(Mode mode)
     ifindex_ = 0;
     ifname_.clear();
     members_.clear();
+    list_ = 0;
+    list_label_.clear();
 }
 
 void Console::enter_interface(IFINDEX ifindex, std::string name)
@@ -79,6 +83,13 @@ void Console::enter_range(std::vector<IFINDEX> members)
     members_ = std::move(members);
 }
 
+void Console::enter_list(Mode mode, u_int64_t index, std::string label)
+{
+    enter(mode);
+    list_ = index;
+    list_label_ = std::move(label);
+}
+
 std::string Console::prompt() const
 {
     std::string host = host_name();
@@ -91,6 +102,11 @@ std::string Console::prompt() const
         return host + "(config-if-" + ifname_ + ")#";
     case Mode::ifrange:
         return host + "(config-if-range)#";
+    case Mode::acl_standard:
+    case Mode::acl_extended:
+    case Mode::acl_ipv6:
+    case Mode::acl_mac:
+        return host + "(config-acl-" + list_label_ + ")#";
     }
     return host;
 }

@@ -57,10 +57,12 @@ public:
     [[nodiscard]] std::optional<User> user() const { return user_; }
     [[nodiscard]] Mode mode() const { return mode_; }
     void set_level(Level level) { level_ = level; }
-    /// Leaves interface and range modes too.
+    /// Leaves the submodes too.
     void enter(Mode mode);
     void enter_interface(IFINDEX ifindex, std::string name);
     void enter_range(std::vector<IFINDEX> members);
+    /// @param mode  one of the modes of lists
+    void enter_list(Mode mode, u_int64_t index, std::string label);
     /// The operator is done with the session.
     void close() { closing_ = true; }
     [[nodiscard]] bool closing() const { return closing_; }
@@ -84,6 +86,8 @@ private:
     IFINDEX ifindex_ = 0;
     std::string ifname_;
     std::vector<IFINDEX> members_;
+    u_int64_t list_ = 0;
+    std::string list_label_;
     bool closing_ = false;
     int terminal_length_ = -1;
     std::string line_;

@@ -18,6 +18,10 @@ constexpr cli_attach_t debug_points[] = {PARSE_ADD_EXEC_DEBUG_CMD};
 constexpr cli_attach_t tech_points[] = {PARSE_ADD_DEBUG_SUPPORT_SHOW_TECH_CMD};
 constexpr cli_attach_t config_points[] = {PARSE_ADD_CFG_CMD, PARSE_ADD_CFG_AFT_INTF_CMD};
 constexpr cli_attach_t interface_points[] = {PARSE_ADD_INTERFACE_CMD};
+constexpr cli_attach_t acl_standard_points[] = {PARSE_ADD_ACL_STANDARD_CMD};
+constexpr cli_attach_t acl_extended_points[] = {PARSE_ADD_ACL_EXTENDED_CMD};
+constexpr cli_attach_t acl_ipv6_points[] = {PARSE_ADD_ACL_IPV6_CMD};
+constexpr cli_attach_t acl_mac_points[] = {PARSE_ADD_ACL_MAC_CMD};
 
 #define CLI_ATTACH(node, points)                                                                             \
     constinit const AttachNode node##_arg = {points, std::size(points)};                                     \
@@ -26,6 +30,10 @@ constexpr cli_attach_t interface_points[] = {PARSE_ADD_INTERFACE_CMD};
 CLI_ATTACH(exec_root, exec_points);
 CLI_ATTACH(config_root, config_points);
 CLI_ATTACH(interface_root, interface_points);
+CLI_ATTACH(acl_standard_root, acl_standard_points);
+CLI_ATTACH(acl_extended_root, acl_extended_points);
+CLI_ATTACH(acl_ipv6_root, acl_ipv6_points);
+CLI_ATTACH(acl_mac_root, acl_mac_points);
 
 CLI_NODES(show_top, show_plain, show, show_trees, tech_top, tech, tech_trees);
 CLI_APPEND_POINT(show_top, show_plain);
@@ -53,11 +61,15 @@ struct ModeRow {
     const char *name;
     const struct_transtion *root;
 };
-constexpr std::array<ModeRow, 4> modes{{
+constexpr std::array<ModeRow, 8> modes{{
     {Mode::exec, CLI_MODE_EXEC, &exec_root},
     {Mode::config, CLI_MODE_CONFIG, &config_root},
     {Mode::interface, CLI_MODE_INTERFACE, &interface_root},
     {Mode::ifrange, CLI_MODE_IFRANGE, &interface_root},
+    {Mode::acl_standard, CLI_MODE_ACL_STANDARD, &acl_standard_root},
+    {Mode::acl_extended, CLI_MODE_ACL_EXTENDED, &acl_extended_root},
+    {Mode::acl_ipv6, CLI_MODE_ACL_IPV6, &acl_ipv6_root},
+    {Mode::acl_mac, CLI_MODE_ACL_MAC, &acl_mac_root},
 }};
 
 constexpr std::array attach_points{
@@ -68,6 +80,10 @@ constexpr std::array attach_points{
     PARSE_ADD_CFG_AFT_INTF_CMD,
     PARSE_ADD_INTERFACE_CMD,
     PARSE_ADD_DEBUG_SUPPORT_SHOW_TECH_CMD,
+    PARSE_ADD_ACL_STANDARD_CMD,
+    PARSE_ADD_ACL_EXTENDED_CMD,
+    PARSE_ADD_ACL_IPV6_CMD,
+    PARSE_ADD_ACL_MAC_CMD,
 };
 
 } // namespace

@@ -16,7 +16,20 @@
 namespace cli
 {
 
-enum class Mode { exec, config, interface, ifrange };
+enum class Mode { exec, config, interface, ifrange, acl_standard, acl_extended, acl_ipv6, acl_mac };
+
+/// Modes of one object below configuration mode: configuration commands are understood there too, and its lines are
+/// indented in the running configuration.
+[[nodiscard]] constexpr bool is_submode(Mode mode)
+{
+    return mode != Mode::exec && mode != Mode::config;
+}
+
+/// Submodes whose object is a list.
+[[nodiscard]] constexpr bool is_list_mode(Mode mode)
+{
+    return is_submode(mode) && mode != Mode::interface && mode != Mode::ifrange;
+}
 
 [[nodiscard]] std::span<const Mode> all_modes();
 

@@ -131,6 +131,22 @@ int TreeCheck::argument(record_t & /*record*/, const transition_t &t, Argument k
         sound_ = sound_ && node.pHelp != nullptr && is_string_slot(node.nVarPos);
         break;
     }
+    case Argument::prefix: {
+        const auto &node = *static_cast<const struct_common_prefix *>(t.argument);
+        sound_ =
+            sound_ && node.pHelp != nullptr && is_address_slot(node.nVarPos) && is_int_slot(node.nLenPos);
+        break;
+    }
+    case Argument::mac: {
+        const auto &node = *static_cast<const struct_common_mac *>(t.argument);
+        sound_ = sound_ && node.pHelp != nullptr && is_address_slot(node.nVarPos);
+        break;
+    }
+    case Argument::text: {
+        const auto &node = *static_cast<const struct_common_text *>(t.argument);
+        sound_ = sound_ && node.pHelp != nullptr && is_string_slot(node.nVarPos);
+        break;
+    }
     case Argument::interface: {
         const auto &node = *static_cast<const struct_common_interface *>(t.argument);
         sound_ = sound_ && is_int_slot(node.nVarPos) && (node.nFlagPos == 0 || is_int_slot(node.nFlagPos)) &&

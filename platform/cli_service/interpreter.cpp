@@ -7,11 +7,6 @@ namespace cli
 namespace
 {
 
-bool is_interface_mode(Mode mode)
-{
-    return mode == Mode::interface || mode == Mode::ifrange;
-}
-
 struct_command_data_block start_record(Mode mode, const Place &place, bool negated)
 {
     struct_command_data_block record{};
@@ -120,7 +115,7 @@ Outcome Interpreter::interpret(std::string_view line, const Place &place) const
     outcome = in_mode(request, request.exec ? Mode::exec : place.mode, place);
     // A word that is ambiguous here must not mean something unique, and leave the mode, elsewhere.
     const bool settled = outcome.kind == Outcome::Kind::run || outcome.kind == Outcome::Kind::ambiguous;
-    if (!settled && !request.exec && is_interface_mode(place.mode)) {
+    if (!settled && !request.exec && is_submode(place.mode)) {
         const Outcome global = in_mode(request, Mode::config, place);
         if (global.kind == Outcome::Kind::run || reach(global) > reach(outcome))
             outcome = global;
@@ -166,7 +161,7 @@ std::vector<Choice> Interpreter::choices_at(std::string_view text, const Place &
     Matcher matcher(grammar_, interfaces_, place.level);
     std::vector<Choice> list =
         matcher.choices(mode_root(mode), start_record(mode, place, request.negated), request.words, partial);
-    if (list.empty() && !request.words.empty() && is_interface_mode(mode))
+    if (list.empty() && !request.words.empty() && is_submode(mode))
         list = matcher.choices(mode_root(Mode::config), start_record(Mode::config, place, request.negated),
                                request.words, partial);
     if (request.words.empty() && !request.negated) {

@@ -1,7 +1,7 @@
 // From a line as typed to the handler to run: comments, `do`, `no`, modes and output modifiers around the matcher.
 //
-// Configuration commands are understood in interface and interface-range mode too, so that a saved configuration, in
-// which global lines follow interface sections, can be read back line by line. No state, no I/O; handlers are not
+// Configuration commands are understood in the modes below configuration mode too, so that a saved configuration, in
+// which global lines follow the sections of lists and interfaces, can be read back line by line. No state, no I/O; handlers are not
 // called here.
 #pragma once
 
@@ -19,7 +19,8 @@ namespace cli
 struct Place {
     Mode mode = Mode::exec;
     Level level = Level::user;
-    /// Mode interface: the interface's index; ifrange: the kinds of all interfaces of the range; otherwise 0.
+    /// Mode interface: the interface's index; ifrange: the kinds of all interfaces of the range; modes of lists: the
+    /// list's index; otherwise 0.
     u_int64_t intidx = 0;
 };
 
@@ -29,7 +30,7 @@ struct Outcome {
     Kind kind = Kind::empty;
     std::size_t column = 0; ///< invalid, ambiguous: byte of the line where the word at fault begins
     /// run: the mode whose command this is: the one of the place, Mode::config for a configuration command typed in
-    /// an interface mode, Mode::exec after `do`.
+    /// a submode, Mode::exec after `do`.
     Mode mode = Mode::exec;
     cli_handler_t handler = nullptr;
     struct_command_data_block record{}; ///< run: ready for the handler but for its session

@@ -1,11 +1,12 @@
 #include "matcher.h"
 
+#include "literals.h"
 #include "slots.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
-#include <charconv>
+#include <cstdio>
 
 namespace cli
 {
@@ -28,6 +29,27 @@ std::pair<int64_t, int64_t> range_of(const struct_common_number &node, struct_co
     if (node.pfn != nullptr)
         node.pfn(&record, &minimum, &maximum);
     return {minimum, maximum};
+}
+
+std::string hexadecimal(int64_t number)
+{
+    std::array<char, 24> text{};
+    std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(number));
+    return text.data();
+}
+
+bool is_hexadecimal(const struct_common_number &node)
+{
+    return (node.nFlag & CLI_NUMBER_FLAG_HEX) != 0;
+}
+
+/// What help shows for a number of a range.
+std::string range_text(const struct_common_number &node, int64_t minimum, int64_t maximum)
+{
+    const auto text = [&](int64_t number) {
+        return is_hexadecimal(node) ? hexadecimal(number) : std::to_string(number);
+    };
+    return "<" + text(minimum) + "-" + text(maximum) + ">";
 }
 
 } // namespace
@@ -168,16 +190,12 @@ void Matcher::accept(const Waiting &node, std::size_t record)
 bool Matcher::take_number(const Waiting &node, std::string_view word)
 {
     const auto &number = *static_cast<const struct_common_number *>(node.t->argument);
-    const bool digits = std::all_of(word.begin(), word.end(), [](char c) { return c >= '0' && c <= '9'; });
-    int64_t value = 0;
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
-    if (!digits || error != std::errc{} || end != word.data() + word.size())
-        return false;
+    const std::optional<int64_t> value = parse_number(word, is_hexadecimal(number));
     const auto [minimum, maximum] = range_of(number, records_[node.record]);
-    if (value < minimum || value > maximum)
+    if (!value || *value < minimum || *value > maximum)
         return false;
     const std::size_t record = copy_record(node.record);
-    store_int(records_[record], number.nVarPos, value);
+    store_int(records_[record], number.nVarPos, *value);
     accept(node, record);
     return true;
 }
@@ -194,6 +212,47 @@ bool Matcher::take_address(const Waiting &node, std::string_view word)
     if (address.nFlagVarPos != 0)
         store_int(records_[record], address.nFlagVarPos, static_cast<int64_t>(address.nValue));
     accept(node, record);
+    return true;
+}
+
+bool Matcher::take_prefix(const Waiting &node, std::string_view word)
+{
+    const auto &argument = *static_cast<const struct_common_prefix *>(node.t->argument);
+    const std::optional<Prefix> prefix = parse_prefix(word, argument.nFlag == CLI_IPV6_FLAG);
+    if (!prefix)
+        return false;
+    const std::size_t record = copy_record(node.record);
+    store_address(records_[record], argument.nVarPos, prefix->address);
+    store_int(records_[record], argument.nLenPos, prefix->length);
+    accept(node, record);
+    return true;
+}
+
+bool Matcher::take_mac(const Waiting &node, std::string_view word)
+{
+    const auto address = parse_mac(word);
+    if (!address)
+        return false;
+    const std::size_t record = copy_record(node.record);
+    store_address(records_[record], static_cast<const struct_common_mac *>(node.t->argument)->nVarPos,
+                  *address);
+    accept(node, record);
+    return true;
+}
+
+// Stores the words that the text argument in rest_ has taken; false when they are too long.
+bool Matcher::take_text(std::span<const Word> words)
+{
+    std::string text;
+    for (const Word &word : words)
+        text.append(text.empty() ? "" : " ").append(word.text);
+    if (text.size() >= CLI_STRING_LEN)
+        return false;
+    const auto &argument = *static_cast<const struct_common_text *>(rest_->t->argument);
+    for (Position &position : positions_) {
+        if (position.t == rest_->t->accept)
+            store_string(records_[position.record], argument.nVarPos, text);
+    }
     return true;
 }
 
@@ -223,6 +282,10 @@ bool Matcher::take(const Waiting &node, std::string_view word)
     case Argument::ipv4:
     case Argument::ipv6:
         return take_address(node, word);
+    case Argument::prefix:
+        return take_prefix(node, word);
+    case Argument::mac:
+        return take_mac(node, word);
     case Argument::interface:
         return take_interface(node, word);
     case Argument::string: {
@@ -234,6 +297,10 @@ bool Matcher::take(const Waiting &node, std::string_view word)
         accept(node, record);
         return true;
     }
+    case Argument::text:
+        accept(node, copy_record(node.record));
+        rest_ = node;
+        return true;
     case Argument::rest:
         accept(node, node.record);
         rest_ = node;
@@ -297,6 +364,10 @@ Match Matcher::match(const struct_transtion *root, const struct_command_data_blo
             result.result = step == Advance::ambiguous ? Match::Result::ambiguous : Match::Result::invalid;
             return result;
         }
+        if (rest_ && rest_->kind == Argument::text && !take_text(words.subspan(i))) {
+            result.word = i;
+            return result;
+        }
     }
     expand();
     if (ends_.empty()) {
@@ -329,8 +400,7 @@ void Matcher::offer(std::vector<Choice> &list, const Waiting &node, std::string_
         const auto &number = *static_cast<const struct_common_number *>(argument);
         struct_command_data_block record = records_[node.record];
         const auto [minimum, maximum] = range_of(number, record);
-        list.push_back(
-            {"<" + std::to_string(minimum) + "-" + std::to_string(maximum) + ">", number.pHelp, false});
+        list.push_back({range_text(number, minimum, maximum), number.pHelp, false});
         break;
     }
     case Argument::ipv4:
@@ -338,6 +408,17 @@ void Matcher::offer(std::vector<Choice> &list, const Waiting &node, std::string_
         break;
     case Argument::ipv6:
         list.push_back({"X:X::X:X", static_cast<const struct_common_ipaddr *>(argument)->pHelp, false});
+        break;
+    case Argument::prefix: {
+        const auto &prefix = *static_cast<const struct_common_prefix *>(argument);
+        list.push_back({prefix.nFlag == CLI_IPV6_FLAG ? "X:X::X:X/LEN" : "A.B.C.D/LEN", prefix.pHelp, false});
+        break;
+    }
+    case Argument::mac:
+        list.push_back({"H:H:H:H:H:H", static_cast<const struct_common_mac *>(argument)->pHelp, false});
+        break;
+    case Argument::text:
+        list.push_back({"LINE", static_cast<const struct_common_text *>(argument)->pHelp, false});
         break;
     case Argument::string: {
         // Without a text it only catches what a node before it does not know.

@@ -105,7 +105,10 @@ private:
     bool take(const Waiting &node, std::string_view word);
     bool take_number(const Waiting &node, std::string_view word);
     bool take_address(const Waiting &node, std::string_view word);
+    bool take_prefix(const Waiting &node, std::string_view word);
+    bool take_mac(const Waiting &node, std::string_view word);
     bool take_interface(const Waiting &node, std::string_view word);
+    bool take_text(std::span<const Word> words);
     void accept(const Waiting &node, std::size_t record);
     void offer(std::vector<Choice> &list, const Waiting &node, std::string_view partial) const;
 

@@ -71,6 +71,10 @@ void leave(struct_command_data_block *record)
         break;
     case Mode::interface:
     case Mode::ifrange:
+    case Mode::acl_standard:
+    case Mode::acl_extended:
+    case Mode::acl_ipv6:
+    case Mode::acl_mac:
         console.enter(Mode::config);
         break;
     }
@@ -240,11 +244,11 @@ CLI_KEYWORD(config_exit, "exit", "Leave this mode", USER, leave_end, config_end)
 CLI_KEYWORD(config_end, "end", "Return to exec mode", USER, config_end_end, Tno_alt);
 CLI_EOL(config_end_end, end);
 
-// interface and interface range: exit, end
-CLI_NODES(interface_top, interface_first, interface_exit);
-CLI_APPEND_POINT(interface_top, interface_first);
-CLI_NOPREFIX(interface_first, Tno_alt, interface_exit);
-CLI_KEYWORD(interface_exit, "exit", "Leave this mode", CLI_PRIV_INTERFACE, leave_end, config_end);
+// modes below configuration mode: exit, end
+CLI_NODES(submode_top, submode_first, submode_exit);
+CLI_APPEND_POINT(submode_top, submode_first);
+CLI_NOPREFIX(submode_first, Tno_alt, submode_exit);
+CLI_KEYWORD(submode_exit, "exit", "Leave this mode", CLI_PRIV_INTERFACE, leave_end, config_end);
 
 // show: running-config [all], startup-config, interfaces [brief | NAME], debugging, version,
 // tech-support [file PATH]
@@ -280,10 +284,14 @@ struct Tree {
     const struct_transtion *root;
     std::string_view name;
 };
-constexpr std::array<Tree, 4> trees{{
+constexpr std::array<Tree, 8> trees{{
     {PARSE_ADD_EXEC_TOP_CMD, &exec_top, "service exec commands"},
     {PARSE_ADD_CFG_CMD, &config_top, "service configuration commands"},
-    {PARSE_ADD_INTERFACE_CMD, &interface_top, "service interface commands"},
+    {PARSE_ADD_INTERFACE_CMD, &submode_top, "service interface commands"},
+    {PARSE_ADD_ACL_STANDARD_CMD, &submode_top, "service list commands"},
+    {PARSE_ADD_ACL_EXTENDED_CMD, &submode_top, "service list commands"},
+    {PARSE_ADD_ACL_IPV6_CMD, &submode_top, "service list commands"},
+    {PARSE_ADD_ACL_MAC_CMD, &submode_top, "service list commands"},
     {PARSE_ADD_SHOW_CMD, &show_top, "service show commands"},
 }};
 

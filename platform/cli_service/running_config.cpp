@@ -16,7 +16,8 @@ void RunningConfig::add(bool non_default, std::string_view mode, std::string_vie
     text = text.substr(0, text.find_last_not_of("\r\n") + 1);
     if (text.empty())
         return;
-    const bool indented = mode == CLI_MODE_INTERFACE;
+    const auto known = mode_by_name(mode);
+    const bool indented = known && is_submode(*known);
     lines_.push_back({non_default, (indented ? " " : "") + std::string(text)});
 }
 

@@ -15,7 +15,7 @@ class RunningConfig
 public:
     /// Adds what one c2p_printf printed. Newlines at its end are dropped; an empty text adds nothing.
     /// @param non_default  false: only text(true) shows the line
-    /// @param mode         of the record that printed; lines of mode interface are indented by one blank
+    /// @param mode         of the record that printed; lines of submodes are indented by one blank
     void add(bool non_default, std::string_view mode, std::string_view text);
 
     /// Ends a section with "!".

@@ -197,6 +197,21 @@ int cli_change_mode(struct_command_data_block *record, const char *mode_name, in
     return 0;
 }
 
+int cli_enter_mode(struct_command_data_block *record, const char *mode_name, u_int64_t index,
+                   const char *label)
+{
+    const auto mode = mode_name == nullptr ? std::nullopt : cli::mode_by_name(mode_name);
+    cli::Console *const console =
+        record == nullptr || record->session == nullptr ? nullptr : record->session->console();
+    if (console == nullptr || !mode || (*mode != cli::Mode::config && !cli::is_list_mode(*mode)))
+        return -1;
+    if (*mode == cli::Mode::config)
+        console->enter(*mode);
+    else
+        console->enter_list(*mode, index, label == nullptr ? "" : label);
+    return 0;
+}
+
 const struct_transtion *cli_get_mode_root(const char *mode_name)
 {
     const auto mode = mode_name == nullptr ? std::nullopt : cli::mode_by_name(mode_name);

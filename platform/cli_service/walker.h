@@ -14,7 +14,7 @@ namespace cli
 {
 
 /// Nodes that take input.
-enum class Argument { keyword, number, ipv4, ipv6, string, interface, rest };
+enum class Argument { keyword, number, ipv4, ipv6, string, interface, rest, prefix, mac, text };
 
 /// Argument of attach_action: everything registered at these attach points, in this order.
 struct AttachNode {

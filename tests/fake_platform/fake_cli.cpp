@@ -410,6 +410,16 @@ int cli_change_mode(struct_command_data_block *rec, const char *mode_name, int h
     return 0;
 }
 
+int cli_enter_mode(struct_command_data_block *rec, const char *mode_name, u_int64_t index, const char *label)
+{
+    if (const auto result =
+            record("cli_enter_mode", text("mode=%s index=%d label=%s", string_or_null(mode_name).c_str(),
+                                          static_cast<int>(index), string_or_null(label).c_str()))) {
+        return static_cast<int>(*result);
+    }
+    return rec != nullptr && mode_name != nullptr && cli::mode_by_name(mode_name) ? 0 : -1;
+}
+
 const struct_transtion *cli_get_mode_root(const char *mode_name)
 {
     if (scripted("cli_get_mode_root") || mode_name == nullptr) {

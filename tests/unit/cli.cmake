@@ -7,6 +7,7 @@ sflow_unit_test(cli_matcher_test SOURCES cli_matcher_test.cpp LIBS cli_sample cl
 sflow_unit_test(cli_interpreter_test SOURCES cli_interpreter_test.cpp LIBS cli_sample cli_parse_doubles)
 sflow_unit_test(cli_config_test SOURCES cli_config_test.cpp LIBS cli_sample cli_parse_doubles)
 sflow_unit_test(cli_reference_test SOURCES cli_reference_test.cpp LIBS cli_reference cli_sample cli_parse_doubles)
+sflow_unit_test(cli_literals_test SOURCES cli_literals_test.cpp LIBS cli_parse)
 sflow_unit_test(cli_protocol_test SOURCES cli_protocol_test.cpp LIBS cli_protocol)
 add_library(cli_platform_double STATIC cli_platform_double.cpp)
 target_link_libraries(cli_platform_double PUBLIC sflow_include PRIVATE sflow_build_flags)

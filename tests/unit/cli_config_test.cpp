@@ -94,6 +94,16 @@ TEST_F(ConfigTest, separators_do_not_stand_first_nor_in_a_row)
     EXPECT_EQ(config.text(true), "default\n!\nx\n!\n");
 }
 
+TEST(RunningConfig_add, lines_of_modes_below_configuration_mode_are_indented)
+{
+    cli::RunningConfig config;
+    for (const char *const mode :
+         {CLI_MODE_CONFIG, CLI_MODE_INTERFACE, CLI_MODE_IFRANGE, CLI_MODE_ACL_STANDARD, CLI_MODE_ACL_EXTENDED,
+          CLI_MODE_ACL_IPV6, CLI_MODE_ACL_MAC, CLI_MODE_EXEC, ""})
+        config.add(true, mode, "x");
+    EXPECT_EQ(config.text(false), "x\n x\n x\n x\n x\n x\n x\nx\nx\n");
+}
+
 TEST_F(ConfigTest, nothing_configured_is_an_empty_text)
 {
     const cli::Grammar nothing;
@@ -124,6 +134,12 @@ TEST(Grammar_add, refuses_trees_that_are_not_sound)
     static constexpr struct_common_ipaddr address_between{"a", 2, CLI_SLOT(paddr_var[0]) + 4, 0, 0};
     static constexpr struct_common_interface interface_to_end{
         nullptr, nullptr, 1, 8, sizeof(struct_command_data_block), 0, 0};
+    static constexpr struct_common_prefix prefix_to_int{"p", 2, CLI_SLOT(int_var[0]), CLI_SLOT(int_var[1])};
+    static constexpr struct_common_prefix length_to_address{"p", 2, CLI_SLOT(paddr_var[0]),
+                                                            CLI_SLOT(paddr_var[1])};
+    static constexpr struct_common_mac mac_to_string{"m", 2, CLI_SLOT(string_var[0])};
+    static constexpr struct_common_mac mac_without_help{nullptr, 2, CLI_SLOT(paddr_var[0])};
+    static constexpr struct_common_text text_to_int{"t", 2, CLI_SLOT(int_var[0])};
     static constexpr struct_eol no_handler{1, nullptr, 0};
     static constexpr struct_c2p no_printer{nullptr, 0};
     static constexpr struct_set_cdb_var set_outside{1, 8, 1U << 20};
@@ -133,6 +149,11 @@ TEST(Grammar_add, refuses_trees_that_are_not_sound)
                                       {string_action, &string_to_int, nullptr, nullptr},
                                       {ipaddr_action, &address_between, nullptr, nullptr},
                                       {interface_action, &interface_to_end, nullptr, nullptr},
+                                      {prefix_action, &prefix_to_int, nullptr, nullptr},
+                                      {prefix_action, &length_to_address, nullptr, nullptr},
+                                      {mac_action, &mac_to_string, nullptr, nullptr},
+                                      {mac_action, &mac_without_help, nullptr, nullptr},
+                                      {text_action, &text_to_int, nullptr, nullptr},
                                       {eol_action, &no_handler, nullptr, nullptr},
                                       {c2p_action, &no_printer, nullptr, nullptr},
                                       {set_cdb_var_action, &set_outside, nullptr, nullptr},
