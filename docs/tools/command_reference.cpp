@@ -2,6 +2,7 @@
 //
 // It is linked like the daemon and registers the same trees, but serves nobody: no session, no export, no sampling
 // service. Defaults come from the daemon's own `show running-config all`.
+#include "acl_service/acl_commands.h"
 #include "core.h"
 #include "interpreter.h"
 #include "own_commands.h"
@@ -50,6 +51,10 @@ try {
     }
     cli::Core &core = cli::Core::instance();
     cli::add_own_commands(core);
+    if (platform::add_acl_commands() != 0) {
+        std::fputs("command-reference: the commands of access lists are refused\n", stderr);
+        return EXIT_FAILURE;
+    }
     sflow_cli_cmd_init();
     sflow_debug_init();
     sflow_tech_cmd_init();

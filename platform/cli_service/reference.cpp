@@ -87,13 +87,18 @@ struct ModeTitle {
     std::string_view title;
     std::string_view entered;
 };
-constexpr std::array<ModeTitle, 3> titles{{
+constexpr std::array<ModeTitle, 7> titles{{
     {Mode::exec, "Exec mode", "Prompt `host>`; after `enable`, `host#`."},
     {Mode::config, "Configuration mode", "Entered with `configure terminal`. Prompt `host(config)#`."},
     {Mode::interface, "Interface mode and interface-range mode",
      "Entered with `interface IFNAME` and `interface range NAME[, NAME...]`. Prompts "
      "`host(config-if-IFNAME)#` and "
      "`host(config-if-range)#`. In a range, a command is run for each member."},
+    {Mode::acl_standard, "Standard access lists",
+     "Entered with `ip access-list standard`. Prompt `host(config-acl-NAME)#`, as for the lists below."},
+    {Mode::acl_extended, "Extended access lists", "Entered with `ip access-list extended`."},
+    {Mode::acl_ipv6, "IPv6 access lists", "Entered with `ipv6 access-list`."},
+    {Mode::acl_mac, "MAC access lists", "Entered with `mac access-list`."},
 }};
 
 std::string heading_of(Mode mode)

@@ -157,4 +157,4 @@ def test_a_full_house_is_said(ready, raw_session):
     result = ready.cli("show version")
     assert (result.status, result.errors) == (2, "sflow-cli: there are 64 sessions already\n")
     sessions[0].close()
-    wait_for(lambda: ready.cli("show version").status == 0, "a place to become free", 30)
+    wait_for(lambda: ready.cli("show version").status == 0, "a place to become free")

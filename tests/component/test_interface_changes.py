@@ -3,13 +3,12 @@ them is the kernel's, and its configuration is what follows from the changes."""
 import os
 import random
 import re
-import signal
 
 import pytest
 
 from harness.addresses import COLLECTOR4, COLLECTOR4_B
 from harness.interfaces import daemon_view, kernel_links, kernel_view, preferred
-from harness.wait import wait_for
+from harness.wait import halted, wait_for
 
 #: Further seeds, for a longer run: "7 8 9".
 SEEDS = [int(seed) for seed in os.environ.get("SFLOW_TEST_SEEDS", "1 2 3").split()]
@@ -270,9 +269,8 @@ def test_changes_that_are_lost_are_made_good(prepared, tmp_path):
                "link del w4", "link add w4 type veth peer name x4",                # another under the old name
                "link set w5 master br0", "link set w6 down"]
     batch.write_text("".join(line + "\n" for line in flood + changes + flood))
-    prepared.daemon.popen.send_signal(signal.SIGSTOP)
-    namespace.run("ip", "-batch", batch)
-    prepared.daemon.popen.send_signal(signal.SIGCONT)
+    with halted(prepared.daemon.pid):
+        namespace.run("ip", "-batch", batch)
     model.check()
     assert "LSM-5-RESYNC" in prepared.daemon.log(), "nothing was lost: the test shows nothing"
     assert set(prepared.sandbox.config_sections()) == {"", "w1", "renamed2", "w5", "w6"}

@@ -1,4 +1,5 @@
 """The interface manager against a real kernel: what it tells its client when interfaces change."""
+import os
 import signal
 import subprocess
 import threading
@@ -7,7 +8,7 @@ import pytest
 
 from harness.daemon import BIN
 from harness.devices import add_device
-from harness.wait import wait_for
+from harness.wait import halted, wait_for
 
 
 class Probe:
@@ -48,12 +49,13 @@ class Probe:
     def events(self, after=0):
         return [line[len("event "):] for line in self.lines[after:] if line.startswith("event ")]
 
-    def signal(self, number):
-        self._process.send_signal(number)
+    @property
+    def pid(self):
+        return self._process.pid
 
     def close(self):
         self._process.stdin.close()
-        status = self._process.wait(timeout=10)
+        status = self._process.wait(timeout=60)
         self._reader.join()
         return status
 
@@ -206,10 +208,9 @@ def test_lost_notifications_are_made_good(namespace, start_probe, tmp_path):
     flood.write_text("".join(f"addr add 10.{i}.{j}.1/24 dev v0\naddr del 10.{i}.{j}.1/24 dev v0\n"
                              for i in range(200) for j in range(100)) +
                      "addr add 10.255.0.1/24 dev v0\nlink add w0 type veth peer name w1\nlink set v0 name z0\n")
-    probe.signal(signal.SIGSTOP)
-    namespace.run("ip", "-batch", flood)
-    w0 = namespace.ifindex("w0")
-    probe.signal(signal.SIGCONT)
+    with halted(probe.pid):
+        namespace.run("ip", "-batch", flood)
+        w0 = namespace.ifindex("w0")
     probe.wait(f"event 7 ipv4 {v0} add 10.255.0.1/24")
     probe.wait(f"event 7 create {w0}")
     assert probe.facts("z0")["ip"] == "10.255.0.1"
@@ -242,10 +243,9 @@ def test_changes_that_are_lost_become_exactly_the_events_that_are_missing(namesp
                      "link add n0 index 4000 type veth peer name n1 index 4001\n")
     assert probe.ask(f"refuse {refused}") == "ok refuse"
     before = len(probe.lines)
-    probe.signal(signal.SIGSTOP)
-    namespace.run("ip", "-batch", batch)
-    probe.signal(signal.SIGUSR1)        # handled before anything else once the probe goes on
-    probe.signal(signal.SIGCONT)
+    with halted(probe.pid):
+        namespace.run("ip", "-batch", batch)
+        os.kill(probe.pid, signal.SIGUSR1)      # handled before anything else once the probe goes on
     probe.wait("event 7 eth 4001 10000 1", before)
     namespace.ip("addr", "add", "10.0.3.1/24", "dev", "v0")     # whatever else there was has come before this
     probe.wait(f"event 7 ipv4 {v0} add 10.0.3.1/24", before)

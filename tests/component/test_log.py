@@ -121,7 +121,7 @@ def journal(machine):
 
     yield entries
     daemon.terminate()
-    daemon.wait(15)
+    daemon.wait(60)
 
 
 def test_lines_go_to_journald_with_their_priority(stage, machine, journal):

@@ -50,7 +50,11 @@ def syntaxes(mode):
 
 @pytest.mark.parametrize("enter, mode", [
     ([], "Exec mode"), (["configure terminal"], "Configuration mode"),
-    (["configure terminal", "interface port1"], "Interface mode and interface-range mode")])
+    (["configure terminal", "interface port1"], "Interface mode and interface-range mode"),
+    (["configure terminal", "ip access-list standard web"], "Standard access lists"),
+    (["configure terminal", "ip access-list extended web"], "Extended access lists"),
+    (["configure terminal", "ipv6 access-list web"], "IPv6 access lists"),
+    (["configure terminal", "mac access-list web"], "MAC access lists")])
 def test_every_offered_word_is_in_the_reference(session, enter, mode):
     for line in enter:
         session.ask(f"run {line}")

@@ -168,7 +168,7 @@ def test_the_poller_asks_once_an_interval(stage):
     stage.configure("sflow counter interval 3")
     stage.export_to_collector(agent=AGENT4)
     collector = stage.collector()
-    samples = collector.wait_counters(2, seconds=15)
+    samples = collector.wait_counters(2, seconds=60)
     assert [sample.sequence for sample in samples[:2]] == [1, 2]
 
 

@@ -1,7 +1,6 @@
 """sflow-cli at a terminal: what an operator types and sees."""
 import contextlib
 import os
-import pathlib
 import signal
 import subprocess
 import termios
@@ -9,7 +8,7 @@ import termios
 import pytest
 
 from harness.terminal import Terminal
-from harness.wait import wait_for
+from harness.wait import halted, wait_for
 
 INVALID = "% Invalid input detected at '^' marker."
 KILL_LINE, INTERRUPT, QUOTE, END_OF_INPUT, UP, TAB = "\x15", "\x03", "\x16", "\x04", "\x10", "\t"
@@ -243,20 +242,10 @@ def test_the_interrupt_key_drops_an_unfinished_line(terminal, ready):
 @contextlib.contextmanager
 def a_command_that_is_not_answered(stage, terminal, line):
     """Runs `line` while the daemon is stopped; inside, the request lies in the daemon's socket."""
-    stage.daemon.popen.send_signal(signal.SIGSTOP)
-    try:
-        wait_for(lambda: is_stopped(stage.daemon.pid), "the daemon to stop", 30)
+    with halted(stage.daemon.pid):
         terminal.type(line + "\r")
-        wait_for(lambda: waiting_requests(stage), "the request to be sent", 30)
+        wait_for(lambda: waiting_requests(stage), "the request to be sent")
         yield
-    finally:
-        stage.daemon.popen.send_signal(signal.SIGCONT)
-
-
-def is_stopped(pid):
-    """Whether every thread of a process has come to its halt; the signal alone takes a while."""
-    states = [path.read_text().rpartition(")")[2].split()[0] for path in pathlib.Path(f"/proc/{pid}/task").glob("*/stat")]
-    return set(states) == {"T"}
 
 
 def waiting_requests(stage):
@@ -270,7 +259,7 @@ def interrupt(terminal):
     """Presses the interrupt key and waits until the shell has taken note of it."""
     terminal.press(INTERRUPT)
     terminal.expect("^C")
-    wait_for(lambda: not interrupted(terminal), "the interrupt to be seen", 30)
+    wait_for(lambda: not interrupted(terminal), "the interrupt to be seen")
 
 
 def test_the_interrupt_key_ends_a_command_that_runs(terminal, ready):
@@ -298,7 +287,7 @@ def test_an_interrupted_save_goes_on_without_the_shell(terminal, ready):
         interrupt(terminal)
     assert "[OK]" not in terminal.expect("# ")
     saved = ready.sandbox.config / "startup-config"
-    wait_for(lambda: saved.exists() and "sampling-rate 5003\n" in saved.read_text(), "the saved configuration", 30)
+    wait_for(lambda: saved.exists() and "sampling-rate 5003\n" in saved.read_text(), "the saved configuration")
 
 
 def interrupted(terminal):
@@ -332,7 +321,7 @@ def test_odd_input_is_refused_and_the_session_goes_on(open_terminal, locale, key
 def test_lines_pasted_at_once_are_all_run(terminal, ready):
     terminal.type("configure terminal\rsflow sampling-rate 5001\rsflow counter interval 17\rend\r")
     lines = ("sflow sampling-rate 5001\n", "sflow counter interval 17\n")
-    wait_for(lambda: all(line in ready.sandbox.running_config() for line in lines), "both settings", 30)
+    wait_for(lambda: all(line in ready.sandbox.running_config() for line in lines), "both settings")
 
 
 # ---- Ends ----------------------------------------------------------------------------------------------------------

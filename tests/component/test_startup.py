@@ -11,13 +11,13 @@ from harness.wait import wait_for
 
 
 def run_sflowd(environment):
-    return subprocess.run([str(BIN / "sflowd")], env=environment, capture_output=True, text=True, timeout=20)
+    return subprocess.run([str(BIN / "sflowd")], env=environment, capture_output=True, text=True, timeout=60)
 
 
 def test_without_tmpdir_the_daemon_ends_and_says_what_to_do(stage, tmp_path):
     environment = {name: value for name, value in stage.sandbox.environment.items() if name != "TMPDIR"}
     done = subprocess.run([str(BIN / "sflowd")], env=environment, cwd=tmp_path, capture_output=True, text=True,
-                          timeout=20)
+                          timeout=60)
     assert done.returncode == 255
     assert "TMPDIR" in done.stderr
     assert not list(tmp_path.iterdir())
@@ -134,7 +134,7 @@ def test_wait_returns_as_soon_as_commands_are_accepted(stage):
     waiting = subprocess.Popen([str(BIN / "sflow-cli"), "--wait", "30", "-c", "show sflow status"],
                                env=stage.sandbox.environment, stdout=subprocess.PIPE, text=True)
     stage.connect()
-    output, _ = waiting.communicate(timeout=30)
+    output, _ = waiting.communicate(timeout=60)
     assert waiting.returncode == 0
     assert output == ("sflow lsm data over\nsflow ss connect success\nsflow acl data over\nsflow cli ready\n"
                       "sflow cannot rdnd\n")

@@ -152,7 +152,7 @@ def test_sfacctd_counts_every_flow_sample(link, export, tmp_path):
             lines = output.read_text().splitlines() if output.exists() else []
             return [json.loads(line) for line in lines if line.startswith("{") and "port_src" in line]
 
-        wait_for(lambda: len(rows()) >= FLOWS, "sfacctd's output", seconds=30)
+        wait_for(lambda: len(rows()) >= FLOWS, "sfacctd's output", seconds=60)
         found = rows()
         assert {row["port_src"] for row in found} == {1000 + number for number in range(FLOWS)}
         # Renormalised by the sampling rate: each sample stands for 4096 packets.

@@ -606,7 +606,7 @@ def test_three_capabilities_are_enough(stand):
         assert stand.daemon.settled() == 10
     finally:
         process.send_signal(signal.SIGTERM)
-        assert process.wait(15) == 0
+        assert process.wait(60) == 0
     assert stand.hooks() == [0, 0]
 
 

@@ -61,7 +61,7 @@ def settled(link):
         return same
 
     # Two equal readings a tick and a half apart: the timer flushes every second.
-    wait_for(unchanged, "the export to settle", seconds=30, pause=1.5)
+    wait_for(unchanged, "the export to settle", seconds=60, pause=1.5)
 
 
 def test_the_sampled_headers_are_those_of_the_packets_sent(link):
@@ -127,7 +127,7 @@ def test_the_daemons_end_stops_sampling_and_its_return_starts_it_again(link):
     link.daemon.stop(signal.SIGKILL)
     wait_for(lambda: not any(link.hooks().values()), "the hooks to go")
     link.daemon = link.sandbox.start_sflowd()
-    wait_for(lambda: all(link.hooks().values()), "the hooks to come back", seconds=30)
+    wait_for(lambda: all(link.hooks().values()), "the hooks to come back", seconds=60)
 
 
 def test_counters_are_those_of_the_kernel(link):

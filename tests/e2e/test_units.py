@@ -23,7 +23,7 @@ def test_packets_and_counters_are_exported_with_the_capabilities_of_the_units(li
     link.sandbox.configure(f"sflow agent address {SWITCH4}", f"sflow collector 1 destination {HOST4} 6343",
                            "sflow sampling-rate 4096", "sflow counter interval 3", "interface port1",
                            "sflow flow collector 1", "sflow counter collector 1", setting)
-    wait_for(lambda: f" {setting}\n" in link.sandbox.running_config(), "the setting", 30)
+    wait_for(lambda: f" {setting}\n" in link.sandbox.running_config(), "the setting")
     link.generate(200000)
     collector.wait_flows(1, 60)
     collector.wait_counters(1, 60)

@@ -39,15 +39,15 @@ class Collector:
     def counters(self):
         return [sample for datagram in self.datagrams() for sample in datagram.counters]
 
-    def wait_datagrams(self, count, seconds=15.0):
+    def wait_datagrams(self, count, seconds=60.0):
         wait_for(lambda: len(self.raw) >= count, f"{count} datagrams, {len(self.raw)} so far", seconds)
         return self.datagrams()
 
-    def wait_flows(self, count, seconds=15.0):
+    def wait_flows(self, count, seconds=60.0):
         wait_for(lambda: len(self.flows()) >= count, f"{count} flow samples", seconds)
         return self.flows()
 
-    def wait_counters(self, count, seconds=15.0):
+    def wait_counters(self, count, seconds=60.0):
         wait_for(lambda: len(self.counters()) >= count, f"{count} counters samples", seconds)
         return self.counters()
 

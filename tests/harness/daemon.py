@@ -44,7 +44,7 @@ class Process:
     def running(self):
         return self.popen.poll() is None
 
-    def wait(self, seconds=15.0):
+    def wait(self, seconds=60.0):
         return self.popen.wait(seconds)
 
     def stop(self, how=signal.SIGKILL):
@@ -52,10 +52,10 @@ class Process:
         if self.running():
             self.popen.send_signal(how)
         try:
-            return self.popen.wait(15)
+            return self.popen.wait(60)
         except subprocess.TimeoutExpired:
             self.popen.kill()
-            return self.popen.wait(15)
+            return self.popen.wait(60)
 
     def close(self):
         self.stop()
@@ -113,7 +113,7 @@ class Sandbox:
         assert result.status == 0, f"{commands}: {result}"
         return result
 
-    def ready(self, seconds=20):
+    def ready(self, seconds=60):
         """Waits until the daemon accepts configuration."""
         result = self.cli("show version", wait=seconds)
         assert result.status == 0, f"not ready: {result}\n{self.debug_file()}"

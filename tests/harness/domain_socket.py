@@ -160,7 +160,7 @@ class _End:
         """Bodies of the records of one type received so far."""
         return [body for received, body in list(self.received) if received == kind]
 
-    def wait_for(self, kind, count=1, seconds=15.0):
+    def wait_for(self, kind, count=1, seconds=60.0):
         wait_for(lambda: len(self.of(kind)) >= count, f"{count} records of type {kind:#x}; received {self.received}",
                  seconds)
         return self.of(kind)
@@ -252,7 +252,7 @@ class DaemonEnd(_End):
         self.listener.listen(0)
         self.header_len = 128
 
-    def accept(self, seconds=15.0):
+    def accept(self, seconds=60.0):
         """Waits for the service and for its capacity."""
         self.listener.settimeout(seconds)
         connection, _ = self.listener.accept()

@@ -55,7 +55,7 @@ class Terminal:
     def new_text(self):
         return self.text()[self._mark:]
 
-    def expect(self, wanted, seconds=30.0):
+    def expect(self, wanted, seconds=60.0):
         """Waits until `wanted` has been printed behind the mark; returns the text up to it and moves the mark."""
         def found():
             return wanted in self.new_text()
@@ -66,7 +66,7 @@ class Terminal:
 
     def type(self, keys):
         """Presses keys once the shell takes them one by one: at its prompt or between pages."""
-        wait_for(lambda: not self.local_modes() & termios.ICANON, "a shell that reads keys", 30)
+        wait_for(lambda: not self.local_modes() & termios.ICANON, "a shell that reads keys")
         self.press(keys)
 
     def press(self, keys):
@@ -76,7 +76,7 @@ class Terminal:
     def local_modes(self):
         return termios.tcgetattr(self._slave)[3]
 
-    def wait(self, seconds=30.0):
+    def wait(self, seconds=60.0):
         return self.popen.wait(seconds)
 
     def close(self):

@@ -89,13 +89,6 @@ namespace
 constexpr int CONNECTED = 1000; ///< no descriptor: nothing is sent on it, the test empties the queue
 constexpr u_int32_t EVERY_CAPACITY = 0xFFF;
 
-/// Lists that exist; ids and names as an operator would use them.
-struct List {
-    int id;
-    const char *name;
-};
-constexpr List LISTS[] = {{5, "5"}, {6, "6"}, {7, "7"}, {3001, "web"}, {3002, "voice"}};
-
 void require(bool ok, const char *what)
 {
     if (!ok)
@@ -177,9 +170,6 @@ Desk::Desk(const std::string &directory) : master_(kx_thread_master_create())
     std::ofstream(directory + "/sflow/app_debug")
         << "2024/01/01 00:00:00 sflow_agent.c,1,sflow app init success.\n";
 
-    for (const List &list : LISTS)
-        require(platform::acl_service().create(list.id, list.name, ACL_CLASS_IPV4) == ACL_OK,
-                "an access list");
     require(sflow_agent_init(&sflow_agent) == 0, "the agent");
     require(sflow_lib_server_init() == 0, "the server");
     require(sflow_config_register() == 0, "the message handlers");
@@ -200,7 +190,7 @@ Desk::Desk(const std::string &directory) : master_(kx_thread_master_create())
 Desk::~Desk()
 {
     answer();
-    forget_references();
+    remove_lists();
     kx_thread_master_finish(master_);
 }
 
@@ -227,15 +217,14 @@ void Desk::set_capacity(u_int32_t capacity)
     deliver(report);
 }
 
-void Desk::forget_references()
+void Desk::remove_lists()
 {
-    for (const List &list : LISTS) {
-        acl_id_args_t args{};
-        args.acl_id = list.id;
-        while (platform::acl_service().references(list.id) > 0 &&
-               platform::acl_service().release_reference(args) == ACL_OK) {
-        }
+    for (const auto &[list, references] : platform::acl_service().all()) {
+        const std::string error = platform::acl_service().remove(list.id());
+        require(error.empty(), error.c_str());
     }
+    pump();
+    answer();
 }
 
 void Desk::start_over()
@@ -253,7 +242,7 @@ void Desk::forget_configuration()
     require(sflow_agent_init(&sflow_agent) == 0, "the agent again");
     threads_start = true;
     sflow_set_bits(sflow_agent.cli_ready_flag, ready);
-    forget_references();
+    remove_lists();
     refusal_ = 0;
     connect(true);
     set_capacity(EVERY_CAPACITY);

@@ -56,7 +56,7 @@ public:
     [[nodiscard]] std::vector<std::string> take_log();
 
 private:
-    void forget_references();
+    void remove_lists();
 
     kx_thread_master_t *master_;
     int refusal_ = 0;

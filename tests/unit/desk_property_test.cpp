@@ -207,7 +207,8 @@ TEST(Running_config_fixed_point, every_combination_on_an_interface)
         for (int flow = 0; flow <= 2; ++flow)
             for (int counter = 0; counter <= 2; ++counter) {
                 Lines steps = {"sflow collector 1 destination 198.51.100.1 6343",
-                               "sflow collector 2 destination 198.51.100.2 6343", "interface port1"};
+                               "sflow collector 2 destination 198.51.100.2 6343", "ip access-list standard 5",
+                               "ip access-list extended web", "interface port1"};
                 for (std::size_t i = 0; i < ENABLES.size(); ++i)
                     if ((enables >> i & 1U) != 0)
                         steps.push_back(ENABLES[i]);
@@ -279,6 +280,10 @@ TEST(Running_config_fixed_point, whatever_commands_and_events_led_there)
              {" sflow enable ingress by-snoop"},
              {" sflow enable ingress acl web"},
              {" sflow enable ingress acl 6"},
+             {"ip access-list extended web"},
+             {" remark the web servers"},
+             {" permit tcp any any eq 443"},
+             {" permit ipv6 2001:db8::/32 any"},
              {" sflow enable egress"},
              {" sflow flow collector 2"},
              {" sflow counter collector 1"},

@@ -121,6 +121,29 @@ std::string Sequences::interface_command()
                    " ingress acl nosuch"});
 }
 
+std::string Sequences::list()
+{
+    return one_of({"ip access-list standard 5", "ip access-list standard 6", "ip access-list extended 7",
+                   "ip access-list extended web", "ipv6 access-list voice"});
+}
+
+void Sequences::edit_list(std::vector<std::string> &steps)
+{
+    const std::string which = list();
+    if (chance(15)) {
+        steps.push_back("no " + which);
+        return;
+    }
+    steps.push_back(which);
+    for (int count = number(0, 3); count > 0; --count)
+        steps.push_back(
+            one_of({"permit any", "deny host 192.0.2.1", "30 permit 192.0.2.0/24",
+                    "permit tcp any any eq 443", "20 deny udp any range 1000 2000 any dscp 46",
+                    "15 permit ip any any", "no 20", "no permit any", "remark the web servers", "5 remark !",
+                    "resequence", "permit ipv6 2001:db8::/32 any", "permit tcp any any established"}));
+    steps.push_back("exit");
+}
+
 // Two things are left out, because what they lead to cannot be entered: addresses that come are no collector's (an
 // agent address that is learnt later than a collector of the same address is accepted), and what a collector is reached
 // through stays in its VRF (two collectors of the same address may then no longer be told apart).
@@ -153,8 +176,10 @@ std::string Sequences::event()
 void Sequences::add_step(std::vector<std::string> &steps)
 {
     const int kind = number(1, 100);
-    if (kind <= 25) {
+    if (kind <= 20) {
         steps.push_back(collector());
+    } else if (kind <= 25) {
+        edit_list(steps);
     } else if (kind <= 40) {
         steps.push_back(agent_or_source());
     } else if (kind <= 48) {

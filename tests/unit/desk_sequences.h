@@ -38,6 +38,8 @@ private:
     std::string agent_or_source();
     std::string parameter();
     std::string interface_command();
+    std::string list();
+    void edit_list(std::vector<std::string> &steps);
     std::string event();
     void add_step(std::vector<std::string> &steps);
 
