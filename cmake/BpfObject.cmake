@@ -1,6 +1,6 @@
 # Compiles a BPF program and generates its libbpf skeleton at build time.
 #
-# sflow_bpf_object(NAME SOURCE x.bpf.c [DEPENDS header …])
+# sflow_bpf_object(NAME SOURCE x.bpf.c [INCLUDES folder …])
 #   makes an interface library NAME whose users may include "<x>.skel.h" (x without its ".bpf") and link libbpf.
 #   The program is compiled for the build machine's byte order; an error of the compiler or of bpftool stops the
 #   build.
@@ -8,14 +8,14 @@ find_program(SFLOW_BPF_CLANG NAMES clang clang-14 REQUIRED)
 find_program(SFLOW_BPFTOOL bpftool PATHS /usr/sbin /sbin REQUIRED)
 
 function(sflow_bpf_object name)
-    cmake_parse_arguments(ARG "" "SOURCE" "DEPENDS" ${ARGN})
+    cmake_parse_arguments(ARG "" "SOURCE" "INCLUDES" ${ARGN})
     find_package(PkgConfig REQUIRED)
     pkg_check_modules(LIBBPF REQUIRED IMPORTED_TARGET libbpf)
 
     get_filename_component(source ${ARG_SOURCE} ABSOLUTE)
     get_filename_component(stem ${ARG_SOURCE} NAME)
     string(REGEX REPLACE "\\.bpf\\.c$" "" stem ${stem})
-    list(TRANSFORM ARG_DEPENDS PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+    list(TRANSFORM ARG_INCLUDES PREPEND -I)
     set(out ${CMAKE_CURRENT_BINARY_DIR}/bpf)
     set(include_arch "")
     if(CMAKE_LIBRARY_ARCHITECTURE)
@@ -27,10 +27,11 @@ function(sflow_bpf_object name)
         OUTPUT ${out}/${stem}.bpf.o
         COMMAND ${CMAKE_COMMAND} -E make_directory ${out}
         COMMAND ${SFLOW_BPF_CLANG} -target bpf -mcpu=v3 -O2 -g -std=gnu11 -Wall -Wextra -Werror ${include_arch}
-                -c ${source} -o ${out}/${stem}.raw.o
+                ${ARG_INCLUDES} -MD -MT ${out}/${stem}.bpf.o -MF ${out}/${stem}.d -c ${source} -o ${out}/${stem}.raw.o
         # links it with itself: leaves out the DWARF sections, keeps BTF
         COMMAND ${SFLOW_BPFTOOL} gen object ${out}/${stem}.bpf.o ${out}/${stem}.raw.o
-        DEPENDS ${source} ${ARG_DEPENDS}
+        DEPENDS ${source}
+        DEPFILE ${out}/${stem}.d
         COMMENT "Building BPF object ${stem}.bpf.o"
         VERBATIM)
     add_custom_command(

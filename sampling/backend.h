@@ -10,6 +10,10 @@
 #include "answer.h"
 #include "sflow_domain_msg.h"
 
+#include "acl_list/acl_list.h"
+
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -52,9 +56,20 @@ struct SamplerKey {
     }
 };
 
+/// Ids of the access lists that limit a sampler; 0 where there is none.
+using AclIds = std::array<std::int32_t, 2>;
+
 struct SamplerSettings {
     std::uint32_t rate = 1;        ///< takes one packet in `rate`, at random; at least 1
     std::uint32_t header_len = 64; ///< most leading bytes of a frame; 1 to SFLOW_FLOW_BUF_LEN
+    /// With a list, only the packets that one of the lists permits pass this sampler: all others are neither taken
+    /// nor counted.
+    AclIds acls{};
+
+    [[nodiscard]] bool limited() const
+    {
+        return std::any_of(acls.begin(), acls.end(), [](std::int32_t id) { return id != 0; });
+    }
 };
 
 /// VLAN tag that the kernel holds beside the frame (hardware-accelerated).
@@ -95,7 +110,7 @@ protected:
 
 /// Totals of one sampler since it was created.
 struct SamplerTotals {
-    std::uint64_t pool = 0;    ///< packets that passed while it was on
+    std::uint64_t pool = 0;    ///< packets that passed while it was on; of a limited one, those permitted
     std::uint64_t taken = 0;   ///< samples taken
     std::uint64_t dropped = 0; ///< selected and lost for want of buffer
 };
@@ -112,8 +127,17 @@ public:
     [[nodiscard]] virtual std::uint32_t capacity() const = 0;
 
     /// Creates the sampler, or gives a present one (also a paused one) new settings. Totals of a present sampler
-    /// go on. On a refusal, which is logged here with its reason, nothing changes.
+    /// go on. Its access lists must have been installed. On a refusal, which is logged here with its reason, nothing
+    /// changes.
     [[nodiscard]] virtual Answer start(SamplerKey key, SamplerSettings settings) = 0;
+    /// Puts the access list in the place of the one with its id, or in force for the first time. Every packet finds the
+    /// one or the other, whole. False, logged, with everything as it was: the backend cannot take it.
+    [[nodiscard]] virtual bool install_acl(const acl::List &list) = 0;
+    /// The list permits nothing until it is installed again.
+    virtual void withhold_acl(std::int32_t id) = 0;
+    /// Forgets a list that no sampler, running or paused, is limited to.
+    virtual void drop_acl(std::int32_t id) = 0;
+
     /// The sampler takes and counts nothing until the next start(); its hook and totals stay.
     virtual void pause(SamplerKey key) = 0;
     /// Removes the sampler with its hook. Samples of it that still wait are discarded.

@@ -24,6 +24,7 @@ static_assert(static_cast<std::uint32_t>(Hook::ingress) == SFLOW_HOOK_INGRESS);
 static_assert(static_cast<std::uint32_t>(Hook::egress) == SFLOW_HOOK_EGRESS);
 static_assert(static_cast<std::uint32_t>(Hook::snoop) == SFLOW_HOOK_SNOOP);
 static_assert(static_cast<int>(SFLOW_EVENT_HEADER_LEN) == SFLOW_FLOW_BUF_LEN);
+static_assert(std::tuple_size_v<AclIds> == std::extent_v<decltype(sflow_sampler_config::acl_slots)>);
 
 // sFlow v5, expanded interface encoding: "no input interface", the packet was made by this machine.
 constexpr IFINDEX no_input_interface = 0xFFFFFFFF;
@@ -116,7 +117,8 @@ BpfBackend::~BpfBackend()
 
 void BpfBackend::load(const BpfOptions &options)
 {
-    require_capabilities({Capability::net_admin, Capability::bpf, Capability::net_raw}, "ebpf backend");
+    require_capabilities({Capability::net_admin, Capability::bpf, Capability::perfmon, Capability::net_raw},
+                         "ebpf backend");
     skeleton_.reset(sflow_tc_bpf__open());
     if (!skeleton_)
         throw std::runtime_error("ebpf backend: program: cannot be opened: " + error_text(errno));
@@ -124,17 +126,23 @@ void BpfBackend::load(const BpfOptions &options)
     skeleton_->rodata->possible_cpus = cpus_;
     if (bpf_map__set_max_entries(skeleton_->maps.samplers, options.max_samplers) != 0 ||
         bpf_map__set_max_entries(skeleton_->maps.counters, static_cast<std::uint32_t>(rows)) != 0 ||
+        bpf_map__set_max_entries(skeleton_->maps.acl_tables, options.max_acls + 1) != 0 ||
         bpf_map__set_max_entries(skeleton_->maps.events, options.ring_bytes) != 0)
         throw std::runtime_error("ebpf backend: size of a map: " + error_text(errno));
+    const UniqueFd acl_pattern = make_acl_table_map();
+    if (!acl_pattern || bpf_map__set_inner_map_fd(skeleton_->maps.acl_tables, acl_pattern.get()) != 0)
+        throw std::runtime_error("ebpf backend: map of an access list: " + error_text(errno));
     LibbpfLog::clear();
     if (const int error = sflow_tc_bpf__load(skeleton_.get()); error != 0) {
         std::string reason = error_text(error);
         if (!LibbpfLog::last_warning().empty())
             reason += " (" + LibbpfLog::last_warning() + ")";
         throw std::runtime_error("ebpf backend: load of the programs: " + reason +
-                                 ", needs Linux 5.8 or newer with BPF and its ring buffer");
+                                 ", needs Linux 5.12 or newer with BPF and its ring buffer");
     }
     counters_ = std::make_unique<CounterMap>(bpf_map__fd(skeleton_->maps.counters), rows);
+    acls_ =
+        std::make_unique<BpfAclTables>(log_, bpf_map__fd(skeleton_->maps.acl_tables), options.max_acls + 1);
     ring_.reset(ring_buffer__new(bpf_map__fd(skeleton_->maps.events), on_event, this, nullptr));
     if (!ring_)
         throw std::runtime_error("ebpf backend: ring buffer: " + error_text(errno));
@@ -143,7 +151,8 @@ void BpfBackend::load(const BpfOptions &options)
 std::uint32_t BpfBackend::capacity() const
 {
     return SFLOW_PORT_INGRESS | SFLOW_PORT_EGRESS | SFLOW_SVI_INGRESS | SFLOW_SVI_EGRESS | SFLOW_SUB_INGRESS |
-           SFLOW_SUB_EGRESS | SFLOW_PORT_INGRESS_SNOOP | SFLOW_SVI_INGRESS_SNOOP | SFLOW_SUB_INGRESS_SNOOP;
+           SFLOW_SUB_EGRESS | SFLOW_PORT_INGRESS_ACL | SFLOW_SVI_INGRESS_ACL | SFLOW_SUB_INGRESS_ACL |
+           SFLOW_PORT_INGRESS_SNOOP | SFLOW_SVI_INGRESS_SNOOP | SFLOW_SUB_INGRESS_SNOOP;
 }
 
 int BpfBackend::program_fd(Hook hook) const
@@ -163,7 +172,10 @@ bool BpfBackend::write_config(SamplerKey key, const Sampler &sampler, bool on)
 {
     const Threshold threshold = threshold_of(sampler.settings.rate);
     sflow_sampler_config config = {};
-    config.flags = (on ? SFLOW_SAMPLER_ON : 0U) | (threshold.take_all ? SFLOW_SAMPLER_TAKE_ALL : 0U);
+    config.flags = (on ? SFLOW_SAMPLER_ON : 0U) | (threshold.take_all ? SFLOW_SAMPLER_TAKE_ALL : 0U) |
+                   (sampler.settings.limited() ? SFLOW_SAMPLER_LIMITED : 0U);
+    for (std::size_t i = 0; i < sampler.settings.acls.size(); ++i)
+        config.acl_slots[i] = acls_->slot_of(sampler.settings.acls[i]);
     config.threshold = threshold.threshold;
     config.equal_threshold = threshold.equal_threshold;
     config.header_len = std::clamp<std::uint32_t>(sampler.settings.header_len, 1, SFLOW_EVENT_HEADER_LEN);
@@ -416,8 +428,8 @@ SamplerTotals BpfBackend::totals(SamplerKey key) const
 std::string BpfBackend::status() const
 {
     return std::string("ring buffer ") + (refused_ ? "waits for the daemon" : "is read") + ", " +
-           std::to_string(samplers_.size()) + " samplers, " + std::to_string(stale_events_) +
-           " samples of removed samplers discarded";
+           std::to_string(samplers_.size()) + " samplers, " + std::to_string(acls_->size()) +
+           " access lists, " + std::to_string(stale_events_) + " samples of removed samplers discarded";
 }
 
 } // namespace sampling

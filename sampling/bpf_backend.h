@@ -7,6 +7,7 @@
 #pragma once
 
 #include "backend.h"
+#include "bpf_acl_tables.h"
 #include "event_loop.h"
 #include "links.h"
 #include "log.h"
@@ -30,6 +31,7 @@ namespace sampling
 struct BpfOptions {
     std::uint32_t ring_bytes = 16 * 1024 * 1024; ///< size of the ring buffer: a power of two, at least a page
     std::uint32_t max_samplers = 8192;           ///< hooks that can be sampled at a time
+    std::uint32_t max_acls = 1024;               ///< access lists that can be in use at a time
 };
 
 class BpfBackend final : public Backend
@@ -44,6 +46,9 @@ public:
     [[nodiscard]] std::string_view name() const override { return "ebpf"; }
     [[nodiscard]] std::uint32_t capacity() const override;
     [[nodiscard]] Answer start(SamplerKey key, SamplerSettings settings) override;
+    [[nodiscard]] bool install_acl(const acl::List &list) override { return acls_->install(list); }
+    void withhold_acl(std::int32_t id) override { acls_->withhold(id); }
+    void drop_acl(std::int32_t id) override { acls_->drop(id); }
     void pause(SamplerKey key) override;
     void remove(SamplerKey key) override;
     void forget_interface(IFINDEX ifindex) override;
@@ -95,6 +100,7 @@ private:
     unsigned cpus_;
     std::unique_ptr<sflow_tc_bpf, SkeletonDeleter> skeleton_;
     std::unique_ptr<CounterMap> counters_;
+    std::unique_ptr<BpfAclTables> acls_;
     std::unique_ptr<ring_buffer, RingDeleter> ring_;
     std::map<SamplerKey, std::unique_ptr<Sampler>> samplers_;
     std::unordered_map<IFINDEX, std::unique_ptr<Source>> sources_;

@@ -33,6 +33,7 @@ struct sflow_sampler_key {
 enum {
     SFLOW_SAMPLER_ON = 1,       /* clear: packets pass uncounted */
     SFLOW_SAMPLER_TAKE_ALL = 2, /* rate 1: no draw */
+    SFLOW_SAMPLER_LIMITED = 4,  /* only what one of `acl_slots` permits passes the sampler at all */
 };
 
 /* Value of the map `samplers`; replaced as a whole, so that a program never sees half a change. */
@@ -43,11 +44,13 @@ struct sflow_sampler_config {
     __u32 header_len;      /* 1 .. SFLOW_EVENT_HEADER_LEN */
     __u32 slot;            /* row of the map `counters` */
     __u32 generation;      /* which use of the slot this is */
+    __u32 acl_slots[2];    /* places in the map `acl_tables`; 0: no list */
 };
 
 /* Value of the map `counters`, at index slot * CPUs + CPU: written by that CPU only. */
 struct sflow_sampler_counters {
-    __u64 pool;    /* packets that passed while the sampler was on */
+    __u64
+        pool; /* packets that passed while the sampler was on; of a limited one, those that its lists permit */
     __u64 taken;   /* events put into the ring buffer */
     __u64 dropped; /* selected, but the ring buffer was full */
     __u64 unused[5];
@@ -72,7 +75,7 @@ struct sflow_sample_event {
 #ifdef __cplusplus
 #include <cstddef>
 static_assert(sizeof(sflow_sampler_key) == 8);
-static_assert(sizeof(sflow_sampler_config) == 24);
+static_assert(sizeof(sflow_sampler_config) == 32);
 static_assert(sizeof(sflow_sampler_counters) == SFLOW_COUNTER_STRIDE);
 static_assert(offsetof(sflow_sample_event, slot) == 16);
 static_assert(offsetof(sflow_sample_event, vlan_proto) == 46);

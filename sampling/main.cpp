@@ -66,7 +66,7 @@ void run(const Options &options, Log &log)
     const StopSignals signals(loop, log);
     LinkTable links(loop, log);
     KernelCounters counters(log);
-    Service service(loop, log, links, counters, options.counters, options.socket_path,
+    Service service(loop, log, links, counters, options.counters, options.socket_path, options.acl_directory,
                     [&](SampleSink &sink) { return make_backend(options, loop, log, links, sink); });
     log.info("sflow-samplingd " SFLOW_VERSION ": backend ",
              options.backend == BackendKind::replay ? "replay" : "ebpf", ", daemon ", options.socket_path,

@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "acl_list/acl_file.h"
 #include "sflow_counter_cache.h"
 
 #include <algorithm>
@@ -22,6 +23,7 @@ Takes packet samples and interface counters for sflowd.
   --socket PATH                sflowd's domain socket (default: $TMPDIR/sflow/domain_socket)
   --state FILE                 where counters are remembered (default: counters in
                                $STATE_DIRECTORY, otherwise samplingd_counters beside the socket)
+  --access-lists FOLDER        published access lists (default: $TMPDIR/platform/acl)
   --verbose                    log debug lines too
   --help                       this text
   --version                    version of the program
@@ -87,6 +89,12 @@ bool parse_speed(std::string_view text, Options &options)
     return parse_number(text, 0.0, 1e9, options.replay.speed) && std::isfinite(options.replay.speed);
 }
 
+bool parse_acl_directory(std::string_view text, Options &options)
+{
+    options.acl_directory = text;
+    return !text.empty();
+}
+
 bool parse_socket(std::string_view text, Options &options)
 {
     options.socket_path = text;
@@ -108,6 +116,7 @@ constexpr OptionRow option_table[] = {
     {"--backend", parse_backend},
     {"--socket", parse_socket},
     {"--state", parse_state},
+    {"--access-lists", parse_acl_directory},
     {"--ring-size", parse_ring_size},
     {"--max-samplers",
      [](std::string_view text, Options &options) {
@@ -176,12 +185,14 @@ std::variant<Options, EarlyExit> complete(Options options, const Environment &en
     if (options.backend == BackendKind::replay && options.replay.ingress.empty() &&
         options.replay.egress.empty())
         return mistake("backend replay: no interface: --replay-interface NAME is missing");
+    const bool no_tmpdir = environment.tmpdir == nullptr || *environment.tmpdir == '\0';
+    const std::string base(no_tmpdir ? default_tmpdir : std::string_view(environment.tmpdir));
     if (options.socket_path.empty()) {
-        options.socket_path_assumed = environment.tmpdir == nullptr || *environment.tmpdir == '\0';
-        options.socket_path =
-            options.socket_path_assumed ? default_tmpdir : std::string_view(environment.tmpdir);
-        options.socket_path += socket_suffix;
+        options.socket_path_assumed = no_tmpdir;
+        options.socket_path = base + std::string(socket_suffix);
     }
+    if (options.acl_directory.empty())
+        options.acl_directory = acl::directory_below(base);
     if (options.socket_path.size() >= sizeof(sockaddr_un::sun_path))
         return mistake("socket " + options.socket_path + ": path: longer than " +
                        std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");

@@ -20,6 +20,7 @@ struct Options {
     ReplayOptions replay;
     CounterOptions counters;
     std::string socket_path;          ///< of the daemon
+    std::string acl_directory;        ///< where access lists are published
     bool socket_path_assumed = false; ///< neither --socket nor TMPDIR was given
     bool verbose = false;
 };

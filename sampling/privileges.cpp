@@ -21,6 +21,7 @@ constexpr CapabilityRow capability_table[] = {
     {Capability::net_admin, CAP_NET_ADMIN, CAP_NET_ADMIN, "CAP_NET_ADMIN"},
     {Capability::net_raw, CAP_NET_RAW, CAP_NET_RAW, "CAP_NET_RAW"},
     {Capability::bpf, CAP_BPF, CAP_SYS_ADMIN, "CAP_BPF (or CAP_SYS_ADMIN)"},
+    {Capability::perfmon, CAP_PERFMON, CAP_SYS_ADMIN, "CAP_PERFMON (or CAP_SYS_ADMIN)"},
 };
 
 constexpr bool has(std::uint64_t set, unsigned bit)

@@ -9,10 +9,10 @@
 namespace sampling
 {
 
-enum class Capability { net_admin, net_raw, bpf };
+enum class Capability { net_admin, net_raw, bpf, perfmon };
 
 /// The capabilities of `wanted` that the set `effective` lacks, as "CAP_A, CAP_B"; empty when none is missing.
-/// CAP_SYS_ADMIN stands in for CAP_BPF.
+/// CAP_SYS_ADMIN stands in for CAP_BPF and CAP_PERFMON.
 /// @param effective  bit set as in the line CapEff of /proc/self/status
 [[nodiscard]] std::string missing_capabilities(std::uint64_t effective,
                                                std::initializer_list<Capability> wanted);

@@ -1,5 +1,6 @@
 #include "replay_backend.h"
 
+#include "acl_matcher.h"
 #include "records.h"
 
 #include <algorithm>
@@ -77,7 +78,8 @@ void ReplayBackend::open()
 
 std::uint32_t ReplayBackend::capacity() const
 {
-    std::uint32_t capacity = SFLOW_PORT_INGRESS | SFLOW_SVI_INGRESS | SFLOW_SUB_INGRESS;
+    std::uint32_t capacity = SFLOW_PORT_INGRESS | SFLOW_SVI_INGRESS | SFLOW_SUB_INGRESS |
+                             SFLOW_PORT_INGRESS_ACL | SFLOW_SVI_INGRESS_ACL | SFLOW_SUB_INGRESS_ACL;
     if (!options_.egress.empty())
         capacity |= SFLOW_PORT_EGRESS | SFLOW_SVI_EGRESS | SFLOW_SUB_EGRESS;
     return capacity;
@@ -102,6 +104,12 @@ Answer ReplayBackend::start(SamplerKey key, SamplerSettings settings)
         schedule(Clock::duration::zero());
     }
     return Answer::ok;
+}
+
+bool ReplayBackend::install_acl(const acl::List &list)
+{
+    acls_.insert_or_assign(list.id, list);
+    return true;
 }
 
 void ReplayBackend::pause(SamplerKey key)
@@ -217,12 +225,23 @@ bool ReplayBackend::play_pending()
     return true;
 }
 
+bool ReplayBackend::permitted(const AclIds &acls, const Frame &frame) const
+{
+    const std::optional<PacketFields> fields = packet_fields(frame.bytes, false);
+    return fields && std::any_of(acls.begin(), acls.end(), [this, &fields](std::int32_t id) {
+               const auto list = acls_.find(id);
+               return list != acls_.end() && permits(list->second, *fields);
+           });
+}
+
 bool ReplayBackend::sample(SamplerKey key, const Frame &frame)
 {
     const auto found = samplers_.find(key);
     if (found == samplers_.end() || !found->second.on)
         return true;
     Sampler &sampler = found->second;
+    if (sampler.settings.limited() && !permitted(sampler.settings.acls, frame))
+        return true;
     ++sampler.totals.pool;
     if (!selected(sampler.threshold, [this] { return static_cast<std::uint32_t>(random_() >> 32); }))
         return true;

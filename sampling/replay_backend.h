@@ -47,6 +47,9 @@ public:
     [[nodiscard]] std::string_view name() const override { return "replay"; }
     [[nodiscard]] std::uint32_t capacity() const override;
     [[nodiscard]] Answer start(SamplerKey key, SamplerSettings settings) override;
+    [[nodiscard]] bool install_acl(const acl::List &list) override;
+    void withhold_acl(std::int32_t id) override { acls_.erase(id); }
+    void drop_acl(std::int32_t id) override { acls_.erase(id); }
     void pause(SamplerKey key) override;
     void remove(SamplerKey key) override;
     void forget_interface(IFINDEX ifindex) override;
@@ -86,6 +89,8 @@ private:
     /// Lets the pending packet pass where it has not passed yet; false when the sink refused more on the way.
     [[nodiscard]] bool play_pending();
     [[nodiscard]] bool sample(SamplerKey key, const Frame &frame);
+    /// Whether one of the lists in force permits the frame, as far as the capture has it.
+    [[nodiscard]] bool permitted(const AclIds &acls, const Frame &frame) const;
     void count(IFINDEX ifindex, Hook hook, const Frame &frame);
 
     EventLoop &loop_;
@@ -97,6 +102,7 @@ private:
     std::vector<SamplerKey> places_; ///< where each packet passes
     std::unordered_map<IFINDEX, rtnl_link_stats64> counters_;
     std::map<SamplerKey, Sampler> samplers_;
+    std::map<std::int32_t, acl::List> acls_; ///< in force
     std::mt19937_64 random_;
 
     State state_ = State::waiting;

@@ -3,6 +3,8 @@
 #include "records.h"
 
 #include <algorithm>
+#include <cstring>
+#include <set>
 
 namespace sampling
 {
@@ -35,20 +37,59 @@ std::optional<Hook> excluded_by(Hook hook)
 
 } // namespace
 
-Answer SamplerTable::set(const sflow_spl_t &request, Clock::time_point now)
+std::optional<SamplerKey> SamplerTable::key_of(const sflow_spl_t &request)
 {
     const std::optional<Hook> hook = hook_of(request);
-    if (!hook || request.rate < 0)
+    return hook ? std::optional(SamplerKey{.ifindex = request.ifx, .hook = *hook}) : std::nullopt;
+}
+
+Answer SamplerTable::set(const sflow_spl_t &request, Clock::time_point now)
+{
+    const std::optional<SamplerKey> key = key_of(request);
+    // a list is known by its id; the name alone is not enough
+    if (!key || request.rate < 0 || request.acl_id < 0 || (names_acl(request) && request.acl_id == 0))
         return Answer::bad_request;
-    if (request.rate == 0) {
-        // A stop that names an access list stops only that list's sampling, never the plain one beside it.
-        if (!names_acl(request))
-            switch_off({.ifindex = request.ifx, .hook = *hook}, now);
+    return request.rate == 0 ? stop(*key, request, now) : start(*key, request, now);
+}
+
+Answer SamplerTable::stop(SamplerKey key, const sflow_spl_t &request, Clock::time_point now)
+{
+    if (!is_on(key))
+        return Answer::ok;
+    SamplerSettings settings = samplers_[key].settings;
+    if (!names_acl(request)) {
+        if (!settings.limited())
+            switch_off(key, now);
         return Answer::ok;
     }
-    if (names_acl(request))
-        return Answer::acl_unsupported;
-    return switch_on({.ifindex = request.ifx, .hook = *hook}, static_cast<std::uint32_t>(request.rate), now);
+    std::replace(settings.acls.begin(), settings.acls.end(), request.acl_id, 0);
+    if (!settings.limited()) {
+        switch_off(key, now); // a plain sampler, too: without a list the daemon takes it for stopped now
+        return Answer::ok;
+    }
+    return switch_on(key, settings, now);
+}
+
+Answer SamplerTable::start(SamplerKey key, const sflow_spl_t &request, Clock::time_point now)
+{
+    SamplerSettings settings = {.rate = static_cast<std::uint32_t>(request.rate), .header_len = header_len_};
+    if (is_on(key))
+        settings.acls = samplers_[key].settings.acls;
+    if (names_acl(request)) {
+        if (key.hook == Hook::egress)
+            return Answer::acl_unsupported;
+        AclIds &acls = settings.acls;
+        if (std::find(acls.begin(), acls.end(), request.acl_id) == acls.end()) {
+            auto *const place = std::find(acls.begin(), acls.end(), 0);
+            if (place == acls.end())
+                return Answer::too_many_acls;
+            *place = request.acl_id;
+        }
+        const std::string_view name(request.acl_name, ::strnlen(request.acl_name, sizeof(request.acl_name)));
+        if (const Answer answer = acls_.use(request.acl_id, name); answer != Answer::ok)
+            return answer;
+    }
+    return switch_on(key, settings, now);
 }
 
 bool SamplerTable::is_on(SamplerKey key) const
@@ -57,7 +98,7 @@ bool SamplerTable::is_on(SamplerKey key) const
     return sampler != samplers_.end() && !sampler->second.off_since;
 }
 
-Answer SamplerTable::switch_on(SamplerKey key, std::uint32_t rate, Clock::time_point now)
+Answer SamplerTable::switch_on(SamplerKey key, const SamplerSettings &settings, Clock::time_point now)
 {
     // The other kind of ingress sampling pauses first, so that no packet is taken twice, and goes on if this fails.
     std::optional<SamplerKey> other;
@@ -68,7 +109,6 @@ Answer SamplerTable::switch_on(SamplerKey key, std::uint32_t rate, Clock::time_p
     }
     if (other)
         backend_.pause(*other);
-    const SamplerSettings settings = {.rate = rate, .header_len = header_len_};
     const Answer answer = backend_.start(key, settings);
     if (answer == Answer::ok) {
         samplers_[key] = {.settings = settings, .off_since = std::nullopt};
@@ -119,6 +159,7 @@ void SamplerTable::remove_all()
         backend_.remove(entry.first);
     samplers_.clear();
     header_len_ = default_header_len;
+    release_acls();
 }
 
 void SamplerTable::forget_interface(IFINDEX ifindex)
@@ -137,6 +178,15 @@ void SamplerTable::expire(Clock::time_point now)
             ++sampler;
         }
     }
+    release_acls();
+}
+
+void SamplerTable::release_acls()
+{
+    std::set<std::int32_t> used;
+    for (const auto &entry : samplers_)
+        used.insert(entry.second.settings.acls.begin(), entry.second.settings.acls.end());
+    acls_.keep_only(used);
 }
 
 std::optional<Clock::time_point> SamplerTable::next_expiry() const

@@ -1,5 +1,7 @@
 #include "service.h"
 
+#include <cstring>
+
 namespace sampling
 {
 
@@ -8,6 +10,24 @@ namespace
 
 // Distinct types of bad records that are logged, so that a mad peer cannot fill the memory.
 constexpr std::size_t most_complaints = 256;
+
+/// The list that a request names, for the log; empty when it names none.
+std::string acl_text(const sflow_spl_t &request)
+{
+    if (!names_acl(request))
+        return "";
+    return " limited to access list " + std::to_string(request.acl_id) + " \"" +
+           std::string(request.acl_name, ::strnlen(request.acl_name, sizeof(request.acl_name))) + "\"";
+}
+
+/// The lists of a sampler, for the log.
+std::string acl_text(const AclIds &acls)
+{
+    std::string text;
+    for (const std::int32_t id : acls)
+        text += id == 0 ? "" : ", access list " + std::to_string(id);
+    return text;
+}
 
 } // namespace
 
@@ -30,9 +50,9 @@ const Service::Command Service::commands[] = {
 
 Service::Service(EventLoop &loop, Log &log, LinkTable &links, CounterSource &counters,
                  const CounterOptions &counter_options, const std::string &socket_path,
-                 const BackendMaker &make_backend)
+                 const std::string &acl_directory, const BackendMaker &make_backend)
     : loop_(loop), log_(log), links_(links), connection_(loop, log, socket_path, *this),
-      backend_(make_backend(*this)), table_(*backend_),
+      backend_(make_backend(*this)), acls_(loop, log, acl_directory, *backend_), table_(*backend_, acls_),
       counters_(
           loop, log, counters, counter_options, [this](IFINDEX ifindex) { return links_.find(ifindex); },
           [this](IFINDEX ifindex) { return backend_->own_counters(ifindex); },
@@ -71,6 +91,7 @@ void Service::on_writable()
 void Service::on_disconnect()
 {
     counters_.clear();
+    restarts_.clear();
     table_.remove_all();
     complained_.clear();
     backend_->resume();
@@ -115,6 +136,7 @@ void Service::on_connect_notice(Bytes)
 
 void Service::on_config_start(Bytes)
 {
+    restarts_.clear();
     table_.pause_all(Clock::now());
     arm_expiry();
 }
@@ -128,13 +150,38 @@ void Service::on_config_end(Bytes)
 void Service::on_set_sampling(Bytes bytes)
 {
     const auto request = decode<sflow_spl_t>(bytes);
-    const Answer answer = table_.set(*request, Clock::now());
-    if (answer != Answer::ok)
-        log_.warning("interface ", links_.name_of(request->ifx), ": sampling of one in ", request->rate,
-                     " in direction ", request->direct, ": ", answer_text(answer), ", answered with ",
-                     static_cast<std::int32_t>(answer));
-    connection_.send_answer(bytes_of(answer_to(*request, answer)));
+    const std::optional<SamplerKey> key = SamplerTable::key_of(*request);
+    if (!key) {
+        carry_out(*request); // to be refused
+        return;
+    }
+    using Action = RestartPairs::Decision::Action;
+    const RestartPairs::Decision decision = restarts_.arrived(*key, *request, Clock::now());
+    if (decision.first)
+        carry_out(*decision.first);
+    if (decision.action == Action::refuse) {
+        answer(*request, decision.refusal);
+    } else if (decision.action == Action::carry_out) {
+        const Answer result = table_.set(*request, Clock::now());
+        if (const auto held = restarts_.settled(*key, *request, result, Clock::now()))
+            answer(*held, result == Answer::ok ? table_.set(*held, Clock::now()) : result);
+        answer(*request, result);
+    }
     arm_expiry();
+}
+
+void Service::carry_out(const sflow_spl_t &request)
+{
+    answer(request, table_.set(request, Clock::now()));
+}
+
+void Service::answer(const sflow_spl_t &request, Answer answer)
+{
+    if (answer != Answer::ok)
+        log_.warning("interface ", links_.name_of(request.ifx), ": sampling of one in ", request.rate,
+                     " in direction ", request.direct, acl_text(request), ": ", answer_text(answer),
+                     ", answered with ", static_cast<std::int32_t>(answer));
+    connection_.send_answer(bytes_of(answer_to(request, answer)));
 }
 
 void Service::on_header_len(Bytes bytes)
@@ -201,8 +248,10 @@ void Service::log_information()
         const SamplerTotals totals = backend_->totals(row.key);
         log_.info("sampler ", links_.name_of(row.key.ifindex), " ", hook_name(row.key.hook), ": ",
                   row.on ? "on" : "off", ", rate ", row.settings.rate, ", header ", row.settings.header_len,
-                  ", pool ", totals.pool, ", taken ", totals.taken, ", dropped ", totals.dropped);
+                  acl_text(row.settings.acls), ", pool ", totals.pool, ", taken ", totals.taken, ", dropped ",
+                  totals.dropped);
     }
+    acls_.log_lists();
     const Outbox::Statistics &sent = connection_.outbox().statistics();
     log_.info("daemon ", connection_.path(), ": connected, sent ", sent.samples, " samples and ",
               sent.answers, " answers in ", sent.packets, " packets, socket full ", sent.blocked,
@@ -217,8 +266,10 @@ void Service::arm_expiry()
         return;
     expiry_ = loop_.call_after(SamplerTable::linger, [this] {
         expiry_ = 0;
+        for (const sflow_spl_t &request : restarts_.overdue(Clock::now()))
+            carry_out(request);
         table_.expire(Clock::now());
-        if (table_.next_expiry())
+        if (table_.next_expiry() || !restarts_.idle())
             arm_expiry();
     });
 }

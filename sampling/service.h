@@ -4,11 +4,13 @@
 // attachment in the order they came; keeps no setting beyond the connection that brought it.
 #pragma once
 
+#include "acl_directory.h"
 #include "backend.h"
 #include "counter_server.h"
 #include "event_loop.h"
 #include "links.h"
 #include "log.h"
+#include "restart_pairs.h"
 #include "sampler_table.h"
 #include "service_connection.h"
 
@@ -25,9 +27,10 @@ public:
     /// Makes the backend; it is given the sink for its samples. What it throws ends the start.
     using BackendMaker = std::function<std::unique_ptr<Backend>(SampleSink &)>;
 
+    /// @param acl_directory  where the ACL service publishes access lists
     Service(EventLoop &loop, Log &log, LinkTable &links, CounterSource &counters,
             const CounterOptions &counter_options, const std::string &socket_path,
-            const BackendMaker &make_backend);
+            const std::string &acl_directory, const BackendMaker &make_backend);
     ~Service() override;
 
     /// Connects to the daemon and keeps connected.
@@ -58,6 +61,8 @@ private:
     void on_get_counter(Bytes record);
     void on_debug(Bytes record);
 
+    void carry_out(const sflow_spl_t &request);
+    void answer(const sflow_spl_t &request, Answer answer);
     void log_commands();
     void log_information();
     void arm_expiry();
@@ -68,7 +73,9 @@ private:
     LinkTable &links_;
     ServiceConnection connection_;
     std::unique_ptr<Backend> backend_;
+    AclDirectory acls_;
     SamplerTable table_;
+    RestartPairs restarts_;
     CounterServer counters_;
     EventLoop::TimerId expiry_ = 0;
     std::set<std::uint32_t> complained_;

@@ -3,16 +3,17 @@
  *
  * Three programs share one decision: tc ingress, tc egress, and a filter for packet sockets (snooping). They run
  * for every packet of a sampled interface, with bottom halves off, so what is not sampled costs one hash look-up,
- * one counter and one draw. They never change, drop, redirect or delay a packet, whatever happens: the tc programs
+ * one counter and one draw; where sampling is limited to access lists, the match as well. They never change, drop, redirect or delay a packet, whatever happens: the tc programs
  * always answer TC_ACT_UNSPEC, which lets the classifiers behind them and forwarding go on as if they were not
  * there; the socket filter always answers 0, so that nothing is ever queued on its socket.
  *
- * Written against the UAPI headers alone and without GPL-only helpers; loads from Linux 5.8 on. */
+ * Written against the UAPI headers alone and without GPL-only helpers; loads from Linux 5.12 on. */
 #include <linux/bpf.h>
 #include <linux/pkt_cls.h>
 
 #include <bpf/bpf_helpers.h>
 
+#include "acl_match.bpf.h"
 #include "bpf_shared.h"
 
 /* The sizes below are placeholders: the loader sets them before the maps are made. */
@@ -105,6 +106,9 @@ static __always_inline void sample(struct __sk_buff *skb, __u32 hook)
     __u32 row;
 
     if (!config || !(config->flags & SFLOW_SAMPLER_ON))
+        return;
+    if (config->flags & SFLOW_SAMPLER_LIMITED &&
+        !sflow_acl_permits(skb, config->acl_slots[0], config->acl_slots[1]))
         return;
     cpu = bpf_get_smp_processor_id();
     row = config->slot * possible_cpus + cpu;

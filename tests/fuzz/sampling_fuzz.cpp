@@ -18,10 +18,14 @@ struct Rig {
     FakeCounters counters;
     SocketPair pair;
     Folder folder;
-    Service service{
-        loop, log, links, counters, folder.counter_options(), "/nonexistent/socket", [](SampleSink &) {
-            return std::make_unique<FakeBackend>();
-        }};
+    Service service{loop,
+                    log,
+                    links,
+                    counters,
+                    folder.counter_options(),
+                    "/nonexistent/socket",
+                    "/nonexistent/acl",
+                    [](SampleSink &) { return std::make_unique<FakeBackend>(); }};
 
     Rig()
     {

@@ -1,6 +1,7 @@
 // What the tests of the sampling service put in the place of the kernel and of the daemon.
 #pragma once
 
+#include "acl_directory.h"
 #include "backend.h"
 #include "counter_keeper.h"
 #include "event_loop.h"
@@ -17,6 +18,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <map>
+#include <set>
 #include <string>
 #include <sys/socket.h>
 #include <vector>
@@ -46,10 +48,20 @@ public:
     [[nodiscard]] Answer start(SamplerKey key, SamplerSettings settings) override
     {
         const auto refusal = refusals.find(key);
-        calls.push_back("start " + text(key) + " " + std::to_string(settings.rate) + "/" +
-                        std::to_string(settings.header_len));
+        std::string call = "start " + text(key) + " " + std::to_string(settings.rate) + "/" +
+                           std::to_string(settings.header_len);
+        for (const std::int32_t id : settings.acls)
+            call += id == 0 ? "" : " acl " + std::to_string(id);
+        calls.push_back(call);
         return refusal == refusals.end() ? Answer::ok : refusal->second;
     }
+    [[nodiscard]] bool install_acl(const acl::List &list) override
+    {
+        calls.push_back("install " + std::to_string(list.id) + " version " + std::to_string(list.version));
+        return !refuse_acls;
+    }
+    void withhold_acl(std::int32_t id) override { calls.push_back("withhold " + std::to_string(id)); }
+    void drop_acl(std::int32_t id) override { calls.push_back("drop " + std::to_string(id)); }
     void pause(SamplerKey key) override { calls.push_back("pause " + text(key)); }
     void remove(SamplerKey key) override { calls.push_back("remove " + text(key)); }
     void forget_interface(IFINDEX ifindex) override { calls.push_back("forget " + std::to_string(ifindex)); }
@@ -64,6 +76,7 @@ public:
 
     std::vector<std::string> calls;
     std::map<SamplerKey, Answer> refusals;
+    bool refuse_acls = false;
     int resumed = 0;
 
 private:
@@ -71,6 +84,23 @@ private:
     {
         return std::to_string(key.ifindex) + " " + std::string(hook_name(key.hook));
     }
+};
+
+/// Has every list, but for those that it is told to refuse.
+class FakeAcls final : public AclSource
+{
+public:
+    [[nodiscard]] Answer use(std::int32_t id, std::string_view name) override
+    {
+        calls.push_back("use " + std::to_string(id) + " " + std::string(name));
+        const auto refusal = refusals.find(id);
+        return refusal == refusals.end() ? Answer::ok : refusal->second;
+    }
+    void keep_only(const std::set<std::int32_t> &ids) override { kept = ids; }
+
+    std::vector<std::string> calls;
+    std::map<std::int32_t, Answer> refusals;
+    std::set<std::int32_t> kept;
 };
 
 /// Counters of invented interfaces.
@@ -213,7 +243,8 @@ inline void settle(EventLoop &loop)
         loop.run_once(Clock::duration::zero());
 }
 
-inline sflow_spl_t setting(IFINDEX ifx, std::int32_t rate, std::int32_t direct, std::int32_t snoop = 0)
+inline sflow_spl_t setting(IFINDEX ifx, std::int32_t rate, std::int32_t direct, std::int32_t snoop = 0,
+                           std::int32_t acl_id = 0, std::string_view acl_name = "")
 {
     sflow_spl_t request = {};
     request.head = head_of<sflow_spl_t>(SFLOW_CMD_SET_SAMPLING_RATE);
@@ -221,6 +252,8 @@ inline sflow_spl_t setting(IFINDEX ifx, std::int32_t rate, std::int32_t direct, 
     request.rate = rate;
     request.direct = direct;
     request.ifx_type = SFLOW_IFX_TYPE_PORT;
+    request.acl_id = acl_id;
+    acl_name.copy(request.acl_name, sizeof(request.acl_name));
     request.snoop = snoop;
     return request;
 }

@@ -38,6 +38,7 @@ TEST(Options_parse_options, defaults)
     EXPECT_EQ(options.backend, BackendKind::ebpf);
     EXPECT_EQ(options.socket_path, "/var/tmp/sflow/domain_socket");
     EXPECT_FALSE(options.socket_path_assumed);
+    EXPECT_EQ(options.acl_directory, "/var/tmp/platform/acl");
     EXPECT_EQ(options.bpf.ring_bytes, 16U * 1024 * 1024);
     EXPECT_FALSE(options.verbose);
 }
@@ -47,6 +48,7 @@ TEST(Options_parse_options, without_tmpdir_the_socket_is_assumed_under_run)
     for (const char *tmpdir : {static_cast<const char *>(nullptr), ""}) {
         const Options options = accepted({}, tmpdir);
         EXPECT_EQ(options.socket_path, "/run/sflow/domain_socket");
+        EXPECT_EQ(options.acl_directory, "/run/platform/acl");
         EXPECT_TRUE(options.socket_path_assumed);
     }
     const Options given = accepted({"--socket", "/x/y"}, nullptr);
@@ -73,6 +75,11 @@ TEST(Options_parse_options, counters_are_remembered_beside_the_socket_unless_a_p
         EXPECT_EQ(options.counters.state_path, row.state);
         EXPECT_EQ(options.counters.cache_path, row.cache);
     }
+}
+
+TEST(Options_parse_options, access_lists_may_lie_elsewhere)
+{
+    EXPECT_EQ(accepted({"--access-lists", "/x/lists"}).acl_directory, "/x/lists");
 }
 
 TEST(Options_parse_options, replay_with_everything)

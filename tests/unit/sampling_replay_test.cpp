@@ -1,5 +1,6 @@
 #include "replay_backend.h"
 
+#include "acl_frames.h"
 #include "sampling_fakes.h"
 
 #include <cmath>
@@ -47,6 +48,13 @@ public:
     }
     Capture(const Capture &) = delete;
     Capture &operator=(const Capture &) = delete;
+
+    void add(const std::vector<std::uint8_t> &frame)
+    {
+        pcap_pkthdr header = {};
+        header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
+        pcap_dump(reinterpret_cast<u_char *>(dumper_.get()), &header, frame.data());
+    }
 
     /// @param mark  last octet of the captured bytes, to tell frames apart
     void add(std::int64_t at_us, std::uint32_t frame_len, std::uint32_t captured,
@@ -352,6 +360,49 @@ TEST(ReplayBackend_start, refusals)
     EXPECT_EQ(player.backend->packets(), 0U);
 }
 
+TEST(ReplayBackend_start, a_limited_sampler_takes_and_counts_what_its_lists_permit)
+{
+    Capture capture;
+    const FrameBuilder::Ip inside = {.source = "192.0.2.7", .destination = "198.51.100.1", .protocol = 6};
+    const FrameBuilder::Ip outside = {.source = "203.0.113.7", .destination = "198.51.100.1", .protocol = 6};
+    for (int i = 0; i < 50; ++i) {
+        capture.add(FrameBuilder().ipv4(inside).tcp(1, 2, 0).bytes());
+        capture.add(FrameBuilder().ipv4(outside).tcp(1, 2, 0).bytes());
+        capture.add(FrameBuilder().tag(0x8100, 5).u16(0x0806).zeros(28).bytes());
+        capture.add(FrameBuilder().cut(10).bytes());
+    }
+    Player player;
+    player.open(fast(capture.close()));
+    const acl::Entry net = {.action = acl::Action::permit, .source = prefix("192.0.2.0", 24)};
+    ASSERT_TRUE(player.backend->install_acl(list_of(acl::Family::ipv4, {net}, 5)));
+    const acl::Entry arp = {.action = acl::Action::permit, .ether_type = 0x0806};
+    ASSERT_TRUE(player.backend->install_acl(list_of(acl::Family::mac, {arp}, 6)));
+    ASSERT_EQ(player.backend->start(lo_ingress, {.rate = 1, .header_len = 64, .acls = {5, 6}}), Answer::ok);
+    player.play();
+    ASSERT_EQ(player.sink.samples.size(), 100U);
+    for (std::size_t i = 0; i < 100; ++i) {
+        EXPECT_EQ(player.sink.samples[i].pool, i + 1);
+        EXPECT_EQ(player.sink.samples[i].header[12], i % 2 == 0 ? 0x08 : 0x81);
+    }
+    EXPECT_EQ(player.backend->packets(), 200U);
+}
+
+TEST(ReplayBackend_start, a_withheld_list_permits_nothing)
+{
+    Capture capture;
+    const FrameBuilder::Ip ip = {.source = "192.0.2.7", .destination = "198.51.100.1", .protocol = 6};
+    capture.add(FrameBuilder().ipv4(ip).tcp(1, 2, 0).bytes());
+    Player player;
+    player.open(fast(capture.close()));
+    ASSERT_TRUE(
+        player.backend->install_acl(list_of(acl::Family::ipv4, {{.action = acl::Action::permit}}, 5)));
+    player.backend->withhold_acl(5);
+    ASSERT_EQ(player.backend->start(lo_ingress, {.rate = 1, .header_len = 64, .acls = {5, 0}}), Answer::ok);
+    player.play();
+    EXPECT_TRUE(player.sink.samples.empty());
+    EXPECT_EQ(player.backend->totals(lo_ingress).pool, 0U);
+}
+
 TEST(ReplayBackend_capacity, egress_only_when_it_is_played_there)
 {
     Capture capture;
@@ -359,12 +410,12 @@ TEST(ReplayBackend_capacity, egress_only_when_it_is_played_there)
     const std::string file = capture.close();
     Player ingress;
     ingress.open(fast(file));
-    EXPECT_EQ(ingress.backend->capacity(), 1U | 4U | 16U);
+    EXPECT_EQ(ingress.backend->capacity(), 1U | 4U | 16U | 64U | 128U | 256U);
     ReplayOptions both = fast(file);
     both.egress = {"lo"};
     Player player;
     player.open(std::move(both));
-    EXPECT_EQ(player.backend->capacity(), 1U | 2U | 4U | 8U | 16U | 32U);
+    EXPECT_EQ(player.backend->capacity(), 1U | 2U | 4U | 8U | 16U | 32U | 64U | 128U | 256U);
 }
 
 std::string refusal(ReplayOptions options)

@@ -19,12 +19,18 @@ constexpr IFINDEX port = 5;
 
 struct Table {
     FakeBackend backend;
-    SamplerTable table{backend};
+    FakeAcls acls;
+    SamplerTable table{backend, acls};
     Clock::time_point now = start_time;
 
     Answer set(std::int32_t rate, std::int32_t direct, std::int32_t snoop = 0)
     {
         return table.set(setting(port, rate, direct, snoop), now);
+    }
+    /// Ingress limited to a list.
+    Answer set_acl(std::int32_t rate, std::int32_t acl)
+    {
+        return table.set(setting(port, rate, SFLOW_INGRESS, 0, acl), now);
     }
 };
 
@@ -55,28 +61,142 @@ TEST(SamplerTable_set, bad_requests_reach_no_backend)
     }
 }
 
-TEST(SamplerTable_set, access_lists_are_refused)
+TEST(SamplerTable_set, a_list_is_looked_up_by_id_and_name_and_limits_the_sampler)
 {
     Table t;
-    sflow_spl_t request = setting(port, 16, SFLOW_INGRESS);
-    request.acl_id = 1;
-    EXPECT_EQ(t.table.set(request, t.now), Answer::acl_unsupported);
-    request.acl_id = 0;
-    request.acl_name[0] = 'x';
-    EXPECT_EQ(t.table.set(request, t.now), Answer::acl_unsupported);
-    EXPECT_THAT(t.backend.calls, IsEmpty());
+    EXPECT_EQ(t.table.set(setting(port, 16, SFLOW_INGRESS, 0, 2900, "web"), t.now), Answer::ok);
+    EXPECT_THAT(t.acls.calls, ElementsAre("use 2900 web"));
+    EXPECT_THAT(t.backend.calls, ElementsAre("start 5 ingress 16/64 acl 2900"));
+    // a name that fills its field has no NUL
+    EXPECT_EQ(t.table.set(setting(port, 16, SFLOW_INGRESS, 0, 7, std::string(100, 'x')), t.now), Answer::ok);
+    EXPECT_EQ(t.acls.calls.back(), "use 7 " + std::string(100, 'x'));
 }
 
-TEST(SamplerTable_set, stop_of_an_access_list_leaves_plain_sampling_alone)
+TEST(SamplerTable_set, two_lists_limit_one_sampler_and_a_third_is_refused)
+{
+    Table t;
+    EXPECT_EQ(t.set_acl(16, 1), Answer::ok);
+    EXPECT_EQ(t.set_acl(16, 2), Answer::ok);
+    EXPECT_EQ(t.set_acl(16, 3), Answer::too_many_acls);
+    EXPECT_EQ(t.set_acl(32, 2), Answer::ok); // there already: a new rate
+    EXPECT_THAT(t.backend.calls,
+                ElementsAre("start 5 ingress 16/64 acl 1", "start 5 ingress 16/64 acl 1 acl 2",
+                            "start 5 ingress 32/64 acl 1 acl 2"));
+}
+
+TEST(SamplerTable_set, a_list_in_snooping_limits_the_snooping)
+{
+    Table t;
+    EXPECT_EQ(t.table.set(setting(port, 16, SFLOW_INGRESS, SFLOW_INGRESS_BY_SNOOP, 4), t.now), Answer::ok);
+    EXPECT_THAT(t.backend.calls, ElementsAre("start 5 snoop 16/64 acl 4"));
+}
+
+TEST(SamplerTable_set, a_list_that_cannot_be_used_refuses_its_sampler_and_nothing_is_sampled)
+{
+    for (const Answer refusal : {Answer::acl_missing, Answer::acl_corrupt, Answer::acl_stale,
+                                 Answer::acl_unreadable, Answer::acl_refused}) {
+        Table t;
+        t.acls.refusals[1] = refusal;
+        EXPECT_EQ(t.set_acl(16, 1), refusal);
+        EXPECT_THAT(t.backend.calls, IsEmpty());
+        EXPECT_THAT(t.table.rows(), IsEmpty());
+        // beside a list that is in force, that one goes on alone
+        EXPECT_EQ(t.set_acl(16, 2), Answer::ok);
+        EXPECT_EQ(t.set_acl(16, 1), refusal);
+        EXPECT_THAT(t.backend.calls, ElementsAre("start 5 ingress 16/64 acl 2"));
+    }
+}
+
+TEST(SamplerTable_set, only_ingress_can_be_limited_and_only_by_a_list_with_an_id)
+{
+    Table t;
+    EXPECT_EQ(t.table.set(setting(port, 16, SFLOW_EGRESS, 0, 1), t.now), Answer::acl_unsupported);
+    EXPECT_EQ(t.table.set(setting(port, 16, SFLOW_INGRESS, 0, 0, "web"), t.now), Answer::bad_request);
+    EXPECT_EQ(t.table.set(setting(port, 16, SFLOW_INGRESS, 0, -1), t.now), Answer::bad_request);
+    EXPECT_THAT(t.backend.calls, IsEmpty());
+    EXPECT_THAT(t.acls.calls, IsEmpty());
+}
+
+TEST(SamplerTable_set, a_list_limits_what_ran_without_one)
 {
     Table t;
     ASSERT_EQ(t.set(16, SFLOW_INGRESS), Answer::ok);
     t.backend.take_calls();
-    sflow_spl_t request = setting(port, 0, SFLOW_INGRESS);
-    request.acl_id = 1;
-    EXPECT_EQ(t.table.set(request, t.now), Answer::ok);
-    EXPECT_THAT(t.backend.calls, IsEmpty());
+    EXPECT_EQ(t.set_acl(16, 1), Answer::ok);
+    EXPECT_THAT(t.backend.take_calls(), ElementsAre("start 5 ingress 16/64 acl 1"));
+    // with the list the sampling ends: what ran before does not come back
+    EXPECT_EQ(t.set_acl(0, 1), Answer::ok);
+    EXPECT_THAT(t.backend.take_calls(), ElementsAre("pause 5 ingress"));
+}
+
+TEST(SamplerTable_set, a_plain_start_or_stop_changes_nothing_about_lists)
+{
+    Table t;
+    ASSERT_EQ(t.set_acl(16, 1), Answer::ok);
+    t.backend.take_calls();
+    EXPECT_EQ(t.set(32, SFLOW_INGRESS), Answer::ok);
+    EXPECT_THAT(t.backend.take_calls(), ElementsAre("start 5 ingress 32/64 acl 1"));
+    EXPECT_EQ(t.set(0, SFLOW_INGRESS), Answer::ok);
+    EXPECT_THAT(t.backend.take_calls(), IsEmpty());
     EXPECT_TRUE(t.table.rows().at(0).on);
+}
+
+TEST(SamplerTable_set, stopping_one_of_two_lists_leaves_the_other)
+{
+    Table t;
+    ASSERT_EQ(t.set_acl(16, 1), Answer::ok);
+    ASSERT_EQ(t.set_acl(16, 2), Answer::ok);
+    t.backend.take_calls();
+    EXPECT_EQ(t.set_acl(0, 1), Answer::ok);
+    EXPECT_THAT(t.backend.take_calls(), ElementsAre("start 5 ingress 16/64 acl 2"));
+    EXPECT_EQ(t.set_acl(0, 9), Answer::ok); // not there
+    EXPECT_EQ(t.set_acl(16, 3), Answer::ok);
+    EXPECT_EQ(t.set_acl(0, 2), Answer::ok);
+    EXPECT_EQ(t.set_acl(0, 3), Answer::ok);
+    EXPECT_EQ(t.backend.calls.back(), "pause 5 ingress");
+}
+
+TEST(SamplerTable_set, stop_of_a_list_ends_plain_sampling_as_the_daemon_takes_it)
+{
+    // The daemon clears the direction when no list is left after such a stop.
+    Table t;
+    ASSERT_EQ(t.set(16, SFLOW_INGRESS), Answer::ok);
+    EXPECT_EQ(t.set_acl(0, 1), Answer::ok);
+    EXPECT_FALSE(t.table.rows().at(0).on);
+}
+
+TEST(SamplerTable_set, a_start_after_the_last_list_is_not_limited_any_more)
+{
+    Table t;
+    ASSERT_EQ(t.set_acl(16, 1), Answer::ok);
+    ASSERT_EQ(t.set_acl(0, 1), Answer::ok);
+    t.backend.take_calls();
+    EXPECT_EQ(t.set(16, SFLOW_INGRESS), Answer::ok);
+    EXPECT_THAT(t.backend.calls, ElementsAre("start 5 ingress 16/64"));
+}
+
+TEST(SamplerTable_expire, lists_are_kept_as_long_as_a_sampler_has_them)
+{
+    Table t;
+    ASSERT_EQ(t.set_acl(16, 1), Answer::ok);
+    ASSERT_EQ(t.set_acl(16, 2), Answer::ok);
+    ASSERT_EQ(t.set_acl(0, 1), Answer::ok);
+    t.table.expire(t.now);
+    EXPECT_THAT(t.acls.kept, testing::UnorderedElementsAre(0, 2));
+    ASSERT_EQ(t.set_acl(0, 2), Answer::ok);
+    t.table.expire(t.now);
+    EXPECT_TRUE(t.acls.kept.contains(2)); // paused: it may go on in a moment
+    t.table.expire(t.now + SamplerTable::linger);
+    EXPECT_FALSE(t.acls.kept.contains(2));
+}
+
+TEST(SamplerTable_set_header_len, leaves_a_limited_sampler_limited)
+{
+    Table t;
+    ASSERT_EQ(t.set_acl(16, 1), Answer::ok);
+    t.backend.take_calls();
+    t.table.set_header_len(128);
+    EXPECT_THAT(t.backend.calls, ElementsAre("start 5 ingress 16/128 acl 1"));
 }
 
 TEST(SamplerTable_set, stop_of_what_is_not_sampled_succeeds)

@@ -1,7 +1,13 @@
 #include "service.h"
 
+#include "acl_frames.h"
+#include "cli_temporary_directory.h"
 #include "sampling_fakes.h"
 
+#include "acl_list/acl_file.h"
+
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,8 +16,10 @@ namespace sampling
 namespace
 {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
 constexpr IFINDEX loopback = 1; // the first interface of every namespace
 constexpr IFINDEX nobody = 0x7FFFFFF0;
@@ -25,12 +33,19 @@ struct Rig {
     SocketPair pair;
     Folder folder;
     CounterOptions counter_options = options_of(folder);
-    Service service{
-        loop, log.log, links, counters, counter_options, "/nonexistent/socket", [this](SampleSink &) {
-            auto made = std::make_unique<FakeBackend>();
-            backend = made.get();
-            return made;
-        }};
+    TemporaryDirectory acls;
+    Service service{loop,
+                    log.log,
+                    links,
+                    counters,
+                    counter_options,
+                    "/nonexistent/socket",
+                    acls.path(),
+                    [this](SampleSink &) {
+                        auto made = std::make_unique<FakeBackend>();
+                        backend = made.get();
+                        return made;
+                    }};
 
     Rig() { service.adopt(std::move(pair.service)); }
 
@@ -40,6 +55,13 @@ struct Rig {
         CounterOptions options = folder.counter_options();
         options.pause = Clock::duration::zero();
         return options;
+    }
+
+    void publish(std::int32_t id, std::uint64_t version = 1) const
+    {
+        acl::List list = list_of(acl::Family::ipv4, {{.action = acl::Action::permit}}, id);
+        list.version = version;
+        ASSERT_EQ(acl::publish_list(acls.path(), list), "");
     }
 
     template <typename Record>
@@ -110,12 +132,94 @@ TEST(Service_set_sampling, refusals_carry_their_code_and_are_logged)
     rig.backend->refusals[{.ifindex = nobody, .hook = Hook::ingress}] = Answer::no_interface;
     EXPECT_EQ(rig.set(setting(nobody, 16, SFLOW_INGRESS)), -20);
     EXPECT_EQ(rig.log.containing("no such interface"), 1U);
-    sflow_spl_t with_acl = setting(loopback, 16, SFLOW_INGRESS);
-    with_acl.acl_id = 2;
-    EXPECT_EQ(rig.set(with_acl), -21);
-    EXPECT_EQ(rig.log.containing("access list is not supported"), 1U);
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_EGRESS, 0, 2)), -21);
+    EXPECT_EQ(rig.log.containing("cannot be limited to an access list"), 1U);
     EXPECT_EQ(rig.set(setting(loopback, 16, 3)), -23);
     EXPECT_EQ(rig.log.containing("makes no sense"), 1U);
+}
+
+TEST(Service_set_sampling, each_fault_of_a_list_has_its_code_and_its_line)
+{
+    Rig rig;
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 5)), -26);
+    EXPECT_EQ(rig.log.containing("limited to access list 5 \"\": the access list is not published"), 1U);
+    std::filesystem::create_directory(acl::file_of(rig.acls.path(), 6));
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 6)), -27);
+    std::ofstream(acl::file_of(rig.acls.path(), 7)) << "garbage";
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 7)), -28);
+    rig.publish(8);
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 8, "web")), -29);
+    rig.backend->refuse_acls = true;
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 8)), -30);
+    rig.backend->refuse_acls = false;
+    rig.publish(9);
+    rig.publish(10);
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 8)), 0);
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 9)), 0);
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 10)), -31);
+    EXPECT_THAT(rig.backend->calls, Not(Contains("start 1 ingress 16/64")));
+}
+
+TEST(Service_set_sampling, a_restart_never_samples_more_than_the_list)
+{
+    // What the daemon sends after a change of rate: stops of both places, then their starts, an empty place as plain
+    // sampling.
+    struct Row {
+        const char *name;
+        std::array<std::int32_t, 2> places;
+        bool withdrawn;
+        std::vector<std::int32_t> answers; ///< to the two starts
+    };
+    const Row rows[] = {
+        {"the list first", {5, 0}, false, {0, 0}},
+        {"the list second", {0, 5}, false, {0, 0}},
+        {"two lists", {5, 6}, false, {0, 0}},
+        {"the list first, withdrawn", {5, 0}, true, {-26, -26}},
+        {"the list second, withdrawn", {0, 5}, true, {-26, -26}},
+        {"two lists, one withdrawn", {5, 6}, true, {-26, 0}},
+    };
+    for (const Row &row : rows) {
+        Rig rig;
+        rig.publish(5);
+        rig.publish(6);
+        for (const std::int32_t acl : row.places) {
+            if (acl != 0)
+                ASSERT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, acl)), 0) << row.name;
+        }
+        if (row.withdrawn)
+            ASSERT_EQ(acl::withdraw_list(rig.acls.path(), 5), "");
+        settle(rig.loop);
+        rig.backend->take_calls();
+        for (const std::int32_t rate : {0, 32}) {
+            for (const std::int32_t acl : row.places)
+                rig.pair.send(bytes_of(setting(loopback, rate, SFLOW_INGRESS, 0, acl)));
+        }
+        settle(rig.loop);
+        const auto records = rig.received();
+        ASSERT_EQ(records.size(), 4U) << row.name;
+        for (std::size_t i = 0; i < 4; ++i) {
+            const auto answer = records[i].as<sflow_spl_ret_t>();
+            EXPECT_EQ(answer.rate, i < 2 ? 0 : 32) << row.name;
+            EXPECT_EQ(answer.acl_id, row.places[i % 2]) << row.name;
+            EXPECT_EQ(answer.ret, i < 2 ? 0 : row.answers[i - 2]) << row.name;
+        }
+        EXPECT_THAT(rig.backend->calls, Not(Contains("start 1 ingress 32/64"))) << row.name;
+        const auto samplers = rig.service.samplers().rows();
+        ASSERT_EQ(samplers.size(), 1U) << row.name;
+        EXPECT_EQ(samplers[0].on, row.answers.back() == 0) << row.name;
+    }
+}
+
+TEST(Service_set_sampling, a_list_published_anew_reaches_the_running_sampler)
+{
+    Rig rig;
+    rig.publish(5);
+    ASSERT_EQ(rig.set(setting(loopback, 16, SFLOW_INGRESS, 0, 5)), 0);
+    rig.backend->take_calls();
+    rig.publish(5, 2);
+    settle(rig.loop);
+    EXPECT_THAT(rig.backend->calls, ElementsAre("install 5 version 2"));
+    EXPECT_THAT(rig.received(), IsEmpty());
 }
 
 TEST(Service_attach_collector, is_answered_with_517)
