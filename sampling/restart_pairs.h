@@ -24,8 +24,9 @@ namespace sampling
 class RestartPairs
 {
 public:
-    /// Between the two halves of a pair, which come in one go: what comes later stands alone.
-    static constexpr Clock::duration patience = std::chrono::seconds(3);
+    /// Between the two halves of a pair, which come in one go, unless a process is held up: what comes later stands
+    /// alone.
+    static constexpr Clock::duration patience = std::chrono::seconds(10);
     /// Between the stops and the starts: with many interfaces, all of them are stopped first.
     static constexpr Clock::duration longest_restart = std::chrono::seconds(60);
 

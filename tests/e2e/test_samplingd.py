@@ -344,8 +344,9 @@ def test_refusals_have_codes_of_their_own_and_reasons_in_the_log(stand):
     stand.start()
     answers = [
         (stand.daemon.set_rate(987654, 16, INGRESS).ret, -20, "no such interface"),
-        (stand.daemon.set_rate(stand.index, 16, INGRESS, acl_id=3, acl_name="web").ret, -21, "access list"),
-        (stand.daemon.set_rate(stand.index, 16, INGRESS, acl_name="web").ret, -21, "access list"),
+        (stand.daemon.set_rate(stand.index, 16, EGRESS, acl_id=3, acl_name="web").ret, -21, "in this direction"),
+        (stand.daemon.set_rate(stand.index, 16, INGRESS, acl_id=3, acl_name="web").ret, -26, "is not published"),
+        (stand.daemon.set_rate(stand.index, 16, INGRESS, acl_name="web").ret, -23, "makes no sense"),
         (stand.daemon.set_rate(stand.index, 16, EGRESS).ret, -22, 'a qdisc of kind "ingress" in the place of clsact'),
         (stand.daemon.set_rate(stand.index, 16, 3).ret, -23, "makes no sense"),
         (stand.daemon.set_rate(stand.index, -1, INGRESS).ret, -23, "makes no sense"),
@@ -582,10 +583,11 @@ def drop_capabilities(*keep):
 
 
 @pytest.mark.parametrize("keep, missing", [
-    ((), "CAP_NET_ADMIN, CAP_NET_RAW, CAP_BPF (or CAP_SYS_ADMIN)"),
-    (("net_admin", "net_raw"), "CAP_BPF (or CAP_SYS_ADMIN)"),
-    (("net_raw", "bpf"), "CAP_NET_ADMIN"),
-    (("net_admin", "bpf"), "CAP_NET_RAW"),
+    ((), "CAP_NET_ADMIN, CAP_NET_RAW, CAP_BPF (or CAP_SYS_ADMIN), CAP_PERFMON (or CAP_SYS_ADMIN)"),
+    (("net_admin", "net_raw", "perfmon"), "CAP_BPF (or CAP_SYS_ADMIN)"),
+    (("net_admin", "net_raw", "bpf"), "CAP_PERFMON (or CAP_SYS_ADMIN)"),
+    (("net_raw", "bpf", "perfmon"), "CAP_NET_ADMIN"),
+    (("net_admin", "bpf", "perfmon"), "CAP_NET_RAW"),
 ])
 def test_a_missing_privilege_is_one_line_and_status_1(stand, keep, missing):
     done = stand.near.run(*drop_capabilities(*keep), BIN / "sflow-samplingd", "--socket", stand.sandbox.domain_socket,
@@ -594,8 +596,8 @@ def test_a_missing_privilege_is_one_line_and_status_1(stand, keep, missing):
     assert done.stderr == f"ebpf backend: privilege: missing {missing}\n"
 
 
-def test_three_capabilities_are_enough(stand):
-    words = stand.near.command(*drop_capabilities("net_admin", "net_raw", "bpf"), BIN / "sflow-samplingd", "--socket",
+def test_four_capabilities_are_enough(stand):
+    words = stand.near.command(*drop_capabilities("net_admin", "net_raw", "bpf", "perfmon"), BIN / "sflow-samplingd", "--socket",
                                stand.sandbox.domain_socket)
     process = stand.near.popen(*words[words.index("setpriv"):])
     try:
@@ -616,7 +618,7 @@ def test_a_replay_plays_a_capture_as_if_seen_on_an_interface(stand):
     capture = stand.sandbox.path / "capture.pcap"
     write_capture(capture, frames)
     stand.start("--backend", "replay", "--replay", capture, "--replay-interface", "port1", "--replay-speed", "0")
-    assert stand.daemon.of(CAPACITY) == [1 + 4 + 16]
+    assert stand.daemon.of(CAPACITY) == [1 + 4 + 16 + 64 + 128 + 256]     # ingress, also limited to access lists
     assert stand.daemon.set_rate(stand.index, 16, EGRESS).ret == -22
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     assert stand.daemon.settled() == 5000
