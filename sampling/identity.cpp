@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
-#include <string>
 #include <string_view>
-#include <sys/socket.h>
+#include <sys/stat.h>
 
 namespace sampling
 {
@@ -64,13 +63,14 @@ std::uint64_t process_identity(pid_t pid)
     return started.empty() ? 0 : hash_of(boot_id() + " " + std::to_string(pid) + " " + started);
 }
 
-std::uint64_t peer_identity(int socket)
+std::uint64_t socket_identity(const std::string &path)
 {
-    ucred peer = {};
-    socklen_t size = sizeof(peer);
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 0)
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0)
         return 0;
-    return process_identity(peer.pid);
+    return hash_of(boot_id() + " " + std::to_string(status.st_dev) + " " + std::to_string(status.st_ino) +
+                   " " + std::to_string(status.st_ctim.tv_sec) + "." +
+                   std::to_string(status.st_ctim.tv_nsec));
 }
 
 } // namespace sampling

@@ -1,7 +1,8 @@
-// What tells one boot from the next, and one process from the next one with its number.
+// What tells one boot, one process and one start of a server from the next.
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <sys/types.h>
 
 namespace sampling
@@ -14,7 +15,8 @@ namespace sampling
 /// boots; 0 when there is no such process to be seen.
 [[nodiscard]] std::uint64_t process_identity(pid_t pid);
 
-/// The process that listens at the other end of a connected Unix socket; 0 when it cannot be told.
-[[nodiscard]] std::uint64_t peer_identity(int socket);
+/// The same value as long as the file at this path is the same one, unchanged in owner and mode; 0 when there is none. A
+/// server makes its socket's file anew each time it starts.
+[[nodiscard]] std::uint64_t socket_identity(const std::string &path);
 
 } // namespace sampling

@@ -87,7 +87,7 @@ void ServiceConnection::adopt(UniqueFd socket)
     was_blocked_ = false;
     watched_ = EPOLLIN;
     loop_.add(socket_.get(), watched_, [this](std::uint32_t events) { on_events(events); });
-    handler_.on_connect(peer_identity(socket_.get()));
+    handler_.on_connect(socket_identity(path_));
 }
 
 void ServiceConnection::on_events(std::uint32_t events)

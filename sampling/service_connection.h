@@ -25,7 +25,7 @@ public:
     ConnectionHandler &operator=(const ConnectionHandler &) = delete;
     virtual ~ConnectionHandler() = default;
 
-    /// A connection has begun, to the daemon's process of this identity (peer_identity).
+    /// A connection has begun, to the daemon's process of this identity (socket_identity).
     virtual void on_connect(std::uint64_t daemon) = 0;
     /// One well-formed record (its length is at least a header's and all of it is there).
     virtual void on_record(const RecordView &record) = 0;

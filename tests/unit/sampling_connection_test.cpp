@@ -1,9 +1,7 @@
 #include "service_connection.h"
 
-#include "identity.h"
 #include "sampling_fakes.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -53,10 +51,10 @@ struct Wire {
     }
 };
 
-TEST(ServiceConnection_adopt, tells_which_process_listens)
+TEST(ServiceConnection_adopt, tells_which_daemon_it_is)
 {
     const Wire wire;
-    EXPECT_THAT(wire.recorder.daemons, ElementsAre(process_identity(::getpid())));
+    EXPECT_THAT(wire.recorder.daemons, ElementsAre(0)); // it has no file
 }
 
 TEST(ServiceConnection_next_delay, doubles_up_to_the_most)
@@ -192,19 +190,6 @@ TEST(ServiceConnection_flow_control, too_many_waiting_answers_stop_the_reading)
     EXPECT_THAT(wire.recorder.types, ElementsAre(4100));
 }
 
-/// A folder of its own that goes with the test.
-struct Folder {
-    std::string path = (std::filesystem::temp_directory_path() / "sampling_connection_XXXXXX").string();
-    Folder()
-    {
-        if (::mkdtemp(path.data()) == nullptr)
-            ADD_FAILURE() << "no temporary folder";
-    }
-    ~Folder() { std::filesystem::remove_all(path); }
-    Folder(const Folder &) = delete;
-    Folder &operator=(const Folder &) = delete;
-};
-
 UniqueFd listen_at(const std::string &path)
 {
     UniqueFd listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
@@ -219,7 +204,7 @@ UniqueFd listen_at(const std::string &path)
 TEST(ServiceConnection_start, connects_as_soon_as_the_daemon_is_there_and_again_when_it_comes_back)
 {
     const Folder folder;
-    const std::string path = folder.path + "/domain_socket";
+    const std::string path = folder.file("domain_socket");
     EventLoop loop;
     LogLines log;
     Recorder recorder;
@@ -245,6 +230,9 @@ TEST(ServiceConnection_start, connects_as_soon_as_the_daemon_is_there_and_again_
             loop.run_once(milliseconds(5));
         EXPECT_EQ(recorder.disconnects, life);
     }
+    ASSERT_EQ(recorder.daemons.size(), 2U);
+    EXPECT_NE(recorder.daemons[0], 0U);
+    EXPECT_NE(recorder.daemons[0], recorder.daemons[1]);
 }
 
 } // namespace

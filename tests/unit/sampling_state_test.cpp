@@ -229,11 +229,18 @@ TEST(Identity, of_a_process_is_its_own)
     EXPECT_EQ(process_identity(0x7FFFFFFF), 0U);
 }
 
-TEST(Identity, of_a_peer_is_that_of_its_process)
+TEST(Identity, of_a_socket_is_that_of_its_file)
 {
-    const SocketPair pair;
-    EXPECT_EQ(peer_identity(pair.service.get()), process_identity(::getpid()));
-    EXPECT_EQ(peer_identity(-1), 0U);
+    const Folder folder;
+    const std::string path = folder.file("socket");
+    EXPECT_EQ(socket_identity(path), 0U);
+    std::ofstream(path) << 1;
+    const std::uint64_t first = socket_identity(path);
+    EXPECT_NE(first, 0U);
+    EXPECT_EQ(socket_identity(path), first);
+    std::ofstream(folder.file("next")) << 2;
+    std::filesystem::rename(folder.file("next"), path);
+    EXPECT_NE(socket_identity(path), first);
 }
 
 } // namespace
