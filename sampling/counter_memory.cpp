@@ -116,13 +116,14 @@ bool CounterMemory::take(const CounterLook &look, bool another)
 
 void CounterMemory::take_farewell(const rtnl_link_stats64 &last)
 {
-    CounterLook look = {.origin = state_.origin, .software = false, .counters = {.link = last, .mac = {}}};
     const LinkCounters &before = state_.last;
-    const bool restarted = totals_fell(last, before.link);
+    CounterLook look = {.origin = state_.origin, .software = false, .counters = {.link = last, .mac = {}}};
+    for (const auto counter : link_counters)
+        look.counters.link.*counter = std::max(last.*counter, before.link.*counter);
     if (before.mac.rx_multicast || before.mac.rx_broadcast)
-        look.counters.link.rx_packets = restarted ? 0 : before.link.rx_packets;
+        look.counters.link.rx_packets = before.link.rx_packets;
     if (before.mac.tx_multicast || before.mac.tx_broadcast)
-        look.counters.link.tx_packets = restarted ? 0 : before.link.tx_packets;
+        look.counters.link.tx_packets = before.link.tx_packets;
     take(look);
 }
 

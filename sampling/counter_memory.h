@@ -56,8 +56,9 @@ public:
     /// @param another  the device is known to be another one than at the last look, whatever its origin
     bool take(const CounterLook &look, bool another = false);
 
-    /// Takes in the kernel's farewell to the interface. What the MAC counted in the end is lost, and with it how many of the
-    /// last packets were unicast.
+    /// Takes in the kernel's farewell to the interface. A counter that is lower than before is no restart: a device that
+    /// is being taken apart may have lost some. What the MAC counted in the end is not told, and therefore not how many
+    /// of the last packets were unicast.
     void take_farewell(const rtnl_link_stats64 &last);
 
     /// Contents of the report's fields, as of the last look.

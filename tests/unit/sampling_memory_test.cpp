@@ -242,6 +242,35 @@ TEST(CounterMemory_take, collisions_that_cannot_be_told_apart_are_unknown_withou
     EXPECT_EQ(r.exported(single_collisions), 0U);
 }
 
+TEST(CounterMemory_take_farewell, takes_what_grew_and_no_counter_that_the_device_has_lost_already)
+{
+    Remembered r;
+    rtnl_link_stats64 last = r.look.counters.link;
+    last.rx_bytes = last.rx_packets = 0; // a veth device without its peer
+    last.tx_packets += 5;
+    r.memory.take_farewell(last);
+    EXPECT_EQ(r.memory.wanted_base(), FieldWords{});
+    EXPECT_EQ(r.exported(in_octets), 0x1'0000'0000U);
+    EXPECT_EQ(r.exported(in_unicast), 500U);
+    EXPECT_EQ(r.exported(out_octets), 7000U);
+    EXPECT_EQ(r.exported(out_unicast), 12U);
+}
+
+TEST(CounterMemory_take_farewell, leaves_unicast_alone_where_the_mac_tells_it_from_the_rest)
+{
+    Remembered r;
+    r.look.counters.mac = {.tx_broadcast = 0, .rx_multicast = 100};
+    r.memory = CounterMemory("eth0", r.look, {});
+    rtnl_link_stats64 last = r.look.counters.link;
+    last.rx_packets += 50;
+    last.tx_packets += 50;
+    last.rx_bytes += 5000;
+    r.memory.take_farewell(last);
+    EXPECT_EQ(r.exported(in_unicast), 400U);
+    EXPECT_EQ(r.exported(out_unicast), 7U);
+    EXPECT_EQ(r.exported(in_octets), 0x1'0000'0000U + 5000);
+}
+
 TEST(CounterMemory_first_look, goes_on_with_the_daemons_base)
 {
     FieldWords base = {};
