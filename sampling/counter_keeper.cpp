@@ -5,6 +5,28 @@
 namespace sampling
 {
 
+namespace
+{
+
+/// What the daemon must add to the base `from` to have the wanted one, which may move a little for it.
+FieldWords step_to_wanted(CounterMemory &memory, const FieldWords &from)
+{
+    FieldWords wanted = memory.wanted_base();
+    FieldWords update = {};
+    for (std::size_t i = 0; i < counter_field_count; ++i) {
+        auto step = base_step(counter_fields[i], from[i], wanted[i]);
+        while (!step) {
+            memory.raise_base(i);
+            wanted = memory.wanted_base();
+            step = base_step(counter_fields[i], from[i], wanted[i]);
+        }
+        update[i] = *step;
+    }
+    return update;
+}
+
+} // namespace
+
 CounterKeeper::CounterKeeper(Log &log, CounterOptions options, Exists exists)
     : log_(log), options_(std::move(options)), exists_(std::move(exists)), file_(log, options_.state_path),
       slots_(file_.load()), next_slot_(slots_.empty() ? 0 : slots_.rbegin()->first + 1),
@@ -63,15 +85,17 @@ void CounterKeeper::make_room()
     // an eighth at a time: the file has to be written anew for it
     std::size_t left = options_.most_remembered / 8;
     for (auto slot = slots_.begin(); slot != slots_.end() && left > 0;) {
-        if (used.contains(slot->first)) {
+        const RememberedCounters &remembered = slot->second;
+        if (used.contains(slot->first) ||
+            (!remembered.departed && exists_(remembered.memory.origin().ifindex))) {
             ++slot;
             continue;
         }
         changed_.erase(slot->first);
         slot = slots_.erase(slot);
+        file_.outdated();
         --left;
     }
-    file_.outdated();
 }
 
 CounterSlot CounterKeeper::add(const std::string &name, const CounterLook &look, const FieldWords &from)
@@ -202,15 +226,7 @@ CounterKeeper::Settlement CounterKeeper::settle(const std::string &name, const C
         interface.slot = add(name, look, from);
     }
     RememberedCounters &remembered = slots_.at(*interface.slot);
-    FieldWords update = {};
-    for (std::size_t i = 0; i < counter_field_count; ++i) {
-        auto step = base_step(counter_fields[i], from[i], remembered.memory.wanted_base()[i]);
-        while (!step) {
-            remembered.memory.raise_base(i);
-            step = base_step(counter_fields[i], from[i], remembered.memory.wanted_base()[i]);
-        }
-        update[i] = *step;
-    }
+    const FieldWords update = step_to_wanted(remembered.memory, from);
     changed_.insert(*interface.slot);
     remembered.departed = false;
     remembered.daemon = daemon_;

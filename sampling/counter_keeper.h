@@ -39,7 +39,8 @@ struct CounterOptions {
 class CounterKeeper
 {
 public:
-    /// Tells whether there is an interface with this index now.
+    /// Tells whether there is an interface with this index now. Asked in the middle of the keeper's work: it must not
+    /// come back to it.
     using Exists = std::function<bool(IFINDEX)>;
 
     CounterKeeper(Log &log, CounterOptions options, Exists exists);

@@ -18,10 +18,9 @@ constexpr int most_pauses = 40;
 } // namespace
 
 CounterServer::CounterServer(EventLoop &loop, Log &log, CounterSource &source, const CounterOptions &options,
-                             LinkLookup links, OwnCounters own, Send send)
+                             LinkLookup links, CounterKeeper::Exists exists, OwnCounters own, Send send)
     : loop_(loop), log_(log), source_(source), links_(std::move(links)), own_(std::move(own)),
-      send_(std::move(send)), pause_(options.pause),
-      keeper_(log, options, [this](IFINDEX ifindex) { return links_(ifindex) != nullptr; }),
+      send_(std::move(send)), pause_(options.pause), keeper_(log, options, std::move(exists)),
       boot_(boot_identity()), process_(process_identity(::getpid())), delay_(options.pause)
 {
 }
@@ -155,8 +154,8 @@ void CounterServer::answer(const sflow_counter_t &request, const Link *link,
 {
     sflow_counter_ret_t record = {};
     if (settlement.update) {
-        log_.info("interface #", request.ifx, ": counters: the daemon lacks a part of what they had reached",
-                  ", it goes out as an update");
+        log_.info("interface ", link != nullptr ? link->name : "#" + std::to_string(request.ifx),
+                  ": counters: the daemon lacks a part of what they had reached, it goes out as an update");
         record.head = head_of<sflow_counter_ret_t>(SFLOW_CMD_UPDATE_COUNTER);
         record.ifx = request.ifx;
         record.ifx_type = request.ifx_type;

@@ -25,14 +25,15 @@ public:
     /// Waiting requests from which on all interfaces are read at once.
     static constexpr std::size_t bulk = 16;
 
-    /// Gives facts and, for interfaces that the backend makes up, counters of an interface.
+    /// Gives facts and, for interfaces that the backend makes up, counters of an interface. The facts stay until the
+    /// next lookup, which may find out that interfaces have gone (depart).
     using LinkLookup = std::function<const Link *(IFINDEX)>;
     using OwnCounters = std::function<std::optional<rtnl_link_stats64>(IFINDEX)>;
     /// Takes each finished record, in order.
     using Send = std::function<void(const sflow_counter_ret_t &)>;
 
     CounterServer(EventLoop &loop, Log &log, CounterSource &source, const CounterOptions &options,
-                  LinkLookup links, OwnCounters own, Send send);
+                  LinkLookup links, CounterKeeper::Exists exists, OwnCounters own, Send send);
     ~CounterServer();
 
     /// A connection to this process of the daemon has begun.

@@ -58,6 +58,8 @@ public:
     /// The interface, or nullptr. Notices that wait in the socket are read first when the index is unknown, so a
     /// request never fails for having overtaken the notice of its interface. Valid until the next call.
     [[nodiscard]] const Link *find(IFINDEX ifindex);
+    /// Whether the interface is there as of the notices read so far; reads none, and so changes nothing.
+    [[nodiscard]] bool contains(IFINDEX ifindex) const { return links_.contains(ifindex); }
     /// Name for logs: the interface's, or "#<index>".
     [[nodiscard]] std::string name_of(IFINDEX ifindex) const;
     /// Index by name, 0 when there is none.

@@ -55,6 +55,7 @@ Service::Service(EventLoop &loop, Log &log, LinkTable &links, CounterSource &cou
       backend_(make_backend(*this)), acls_(loop, log, acl_directory, *backend_), table_(*backend_, acls_),
       counters_(
           loop, log, counters, counter_options, [this](IFINDEX ifindex) { return links_.find(ifindex); },
+          [this](IFINDEX ifindex) { return links_.contains(ifindex); },
           [this](IFINDEX ifindex) { return backend_->own_counters(ifindex); },
           [this](const sflow_counter_ret_t &record) { connection_.send_answer(bytes_of(record)); })
 {

@@ -393,6 +393,21 @@ TEST(CounterKeeper, forgets_departed_interfaces_when_there_are_too_many)
     EXPECT_LE(CounterStateFile(log.log, pair.options.state_path).load().size(), 16U);
 }
 
+TEST(CounterKeeper, forgets_no_interface_that_is_there)
+{
+    Pair pair;
+    pair.options.most_remembered = 16;
+    pair.start();
+    for (IFINDEX ifindex = 100; ifindex < 116; ++ifindex) {
+        pair.interfaces.insert(ifindex);
+        pair.exported(look(ifindex, 1000), "eth" + std::to_string(ifindex));
+    }
+    pair.start(); // the new instance has not been asked for any of them
+    pair.exported(look(5, 1), "eth5");
+    for (IFINDEX ifindex = 100; ifindex < 116; ++ifindex)
+        EXPECT_EQ(pair.exported(look(ifindex, 10), "eth" + std::to_string(ifindex)), 1010U) << ifindex;
+}
+
 TEST(DaemonCache_read, takes_the_first_of_equal_interfaces_and_whole_images_only)
 {
     const Folder folder;

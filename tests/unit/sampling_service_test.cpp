@@ -364,6 +364,7 @@ TEST(Service_get_counter, restarted_counters_send_the_lost_part_and_answer_when_
     auto records = rig.received();
     ASSERT_EQ(records.size(), 1U);
     EXPECT_EQ(records[0].type, 516U);
+    EXPECT_EQ(rig.log.containing("interface lo: counters: the daemon lacks"), 1U);
     const auto update = records[0].as<sflow_counter_ret_t>();
     EXPECT_EQ(update.ifx, loopback);
     EXPECT_EQ(update.ifx_type, 1);
