@@ -80,6 +80,11 @@ def test_the_units_leave_little_open(installed, name):
     assert done.returncode == 0, done.stdout.splitlines()[-1:] + done.stderr.splitlines()
 
 
+def test_counters_are_remembered_on_a_disk(installed):
+    service = unit(installed, "sflow-samplingd")
+    assert (service["StateDirectory"], service["StateDirectoryMode"]) == ("sflow-samplingd", "0750")
+
+
 @have("systemd-sysusers")
 @have("systemd-tmpfiles")
 def test_group_and_directories_are_made(installed, tmp_path):
