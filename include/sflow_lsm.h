@@ -14,10 +14,11 @@ int sflow_lsm_init(kx_thread_master_t *master);
 /// `config_lock` (for event 48 `cli_lock`); the caller holds no lock.
 int sflow_recv_lsm_msg(int event, char *data, int len);
 
-/// Forgets the configuration of `ifx` if the interface is gone. The end of an interface may come between a setting and
-/// the sampling service's answer, which then sets up what nothing would ever take away again; so whoever applies an
-/// answer calls this afterwards. Before the initial data are complete no interface counts as gone. Takes `config_lock`;
-/// the caller does not hold it. Any thread.
+/// Forgets the configuration and the counter base of `ifx` if the interface is gone. The end of an interface may come
+/// between a setting and the sampling service's answer, or overtake a counter update, which then leaves what nothing
+/// would ever take away again; so whoever applies an answer or an update calls this afterwards. Before the initial data
+/// are complete no interface counts as gone. Takes `config_lock`; the caller does not hold it, but may hold `msg_lock`.
+/// Any thread.
 void sflow_lsm_forget_if_gone(IFINDEX ifx);
 
 // The events that change addresses (sflow_lsm_address.cpp); `data` as above. Each takes `config_lock` for writing.

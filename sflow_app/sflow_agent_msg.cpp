@@ -8,6 +8,7 @@
 
 #include "sflow_agent_internal.h"
 #include "sflow_dbg.h"
+#include "sflow_lsm.h"
 #include "sflow_poller.h"
 #include "sflow_sampler.h"
 
@@ -34,10 +35,12 @@ int wait_for_event() SFLOW_REQUIRES(sflow_agent.msg_lock)
 void apply_event(sflow_msg_t *node)
 {
     SFLOW_LOG_EVENT("[SFLOW-EVENT]msg type:%d\n", node->type);
-    if (node->type == SFLOW_MSG_UPDATE_COUNTER)
+    if (node->type == SFLOW_MSG_UPDATE_COUNTER) {
         sflow_poller_update_counter(node);
-    else if (node->type == SFLOW_MSG_GET_COUNTER_RSP)
+        sflow_lsm_forget_if_gone(node->ifx);
+    } else if (node->type == SFLOW_MSG_GET_COUNTER_RSP) {
         sflow_poller_write_countersample(node);
+    }
 }
 
 } // namespace

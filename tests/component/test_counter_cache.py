@@ -58,6 +58,19 @@ def test_updates_stand_in_the_file_and_are_added_to_every_report(ready):
     assert not (ready.sandbox.path / "sflow/tmp_file.new").exists()
 
 
+def test_an_update_that_an_interface_does_not_live_to_see_leaves_no_base(ready):
+    gone, there = ready.ifindex("port1"), ready.ifindex("port2")
+    exporting(ready)
+    send_update(ready, gone, ifInOctets=1000)
+    wait_for(lambda: octets(ready, gone) == 1000, "the base in the file")
+    ready.namespace.ip("link", "del", "port1")
+    wait_for(lambda: not bases(ready), "the end of the interface")
+    send_update(ready, gone, ifInOctets=2000)
+    send_update(ready, there, ifInOctets=5)
+    wait_for(lambda: octets(ready, there) == 5, "the later update in the file")
+    assert [ifx for ifx, *_ in bases(ready)] == [there]
+
+
 @pytest.mark.parametrize("seen", [100, 5000, 20000])
 def test_a_killed_daemon_goes_on_where_its_file_ends(stage, seen):
     stage.ready()

@@ -5,6 +5,7 @@
 #include "sflow_cli.h"
 #include "sflow_cli_msg.h"
 #include "sflow_lib_server.h"
+#include "sflow_lsm.h"
 #include "sflow_sampler.h"
 
 #include <cstdlib>
@@ -217,6 +218,11 @@ int sflow_get_counter_msg(IFINDEX ifx, int)
 {
     record("get_counter(" + std::to_string(ifx) + ")");
     return 0;
+}
+
+void sflow_lsm_forget_if_gone(IFINDEX ifx)
+{
+    record("forget_if_gone(" + std::to_string(ifx) + ")");
 }
 
 int sflow_acl_unref(int acl_id, const char *)

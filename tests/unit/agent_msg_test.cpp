@@ -109,7 +109,8 @@ TEST_F(Dispatcher, applies_all_events_in_order_by_type)
     queue(6, SFLOW_MSG_GET_COUNTER_RSP);
     queue(7, SFLOW_MSG_UPDATE_COUNTER);
     sflow_msg_dispatch();
-    EXPECT_EQ(calls(), (strings{"update(5)", "export(6)", "update(7)"}));
+    EXPECT_EQ(calls(),
+              (strings{"update(5)", "forget_if_gone(5)", "export(6)", "update(7)", "forget_if_gone(7)"}));
     EXPECT_EQ(length(), 0);
     EXPECT_FALSE(is_locked());
 }
@@ -145,7 +146,7 @@ TEST_F(Dispatcher, does_not_wait_while_events_are_queued)
     };
     queue(5, SFLOW_MSG_UPDATE_COUNTER);
     sflow_msg_dispatch();
-    EXPECT_EQ(calls(), strings{"update(5)"});
+    EXPECT_EQ(calls(), (strings{"update(5)", "forget_if_gone(5)"}));
 }
 
 TEST_F(Dispatcher, waits_30_seconds_of_the_monotonic_clock_with_the_lock_held)
@@ -187,7 +188,7 @@ TEST_P(Dispatcher_wait, that_ends_with_an_error_starts_over_without_looking_at_t
     EXPECT_EQ(length(), 1);
     EXPECT_FALSE(is_locked());
     sflow_msg_dispatch();
-    EXPECT_EQ(calls(), strings{"update(5)"});
+    EXPECT_EQ(calls(), (strings{"update(5)", "forget_if_gone(5)"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Results, Dispatcher_wait, ::testing::Values(ETIMEDOUT, EINVAL));
@@ -202,7 +203,7 @@ TEST_F(Dispatcher, drains_the_queue_when_it_is_signalled)
         return 0;
     };
     sflow_msg_dispatch();
-    EXPECT_EQ(calls(), (strings{"update(5)", "export(6)"}));
+    EXPECT_EQ(calls(), (strings{"update(5)", "forget_if_gone(5)", "export(6)"}));
 }
 
 // ---- Flow samples ------------------------------------------------------------------------------------------------
