@@ -1,5 +1,6 @@
 """Fixtures of the end-to-end tier: two hosts on a veth link, real daemons on one of them."""
 import json
+import subprocess
 
 import pytest
 
@@ -18,12 +19,21 @@ class Link:
         for namespace, name, v4, v6 in ((self.switch, "mgmt0", SWITCH4, SWITCH6), (self.host, "coll0", HOST4, HOST6)):
             namespace.ip("addr", "add", f"{v4}/24", "dev", name)
             namespace.ip("addr", "add", f"{v6}/64", "dev", name, "nodad")
-        # No chatter of the kernel's own on the sampled link: its packets are counted one by one.
-        for namespace, name in ((self.switch, "port1"), (self.host, "eth0")):
-            namespace.run("sysctl", "-qw", f"net.ipv6.conf.{name}.disable_ipv6=1")
+        self._silence("port1", "eth0")
         self.sandbox = make_sandbox(self.switch)
         self.index = self.switch.ifindex("port1")
         self._collectors = []
+
+    def _silence(self, port, peer):
+        # No chatter of the kernel's own on a sampled link: its packets are counted one by one.
+        for namespace, name in ((self.switch, port), (self.host, peer)):
+            namespace.run("sysctl", "-qw", f"net.ipv6.conf.{name}.disable_ipv6=1")
+
+    def add_second_port(self):
+        """port2 of the switch, linked to eth1 of the host; returns its index."""
+        self.switch.add_veth("port2", "eth1", self.host)
+        self._silence("port2", "eth1")
+        return self.switch.ifindex("port2")
 
     def start(self):
         self.daemon = self.sandbox.start_sflowd()
@@ -34,16 +44,26 @@ class Link:
         self._collectors.append(Collector(self.host, address, port))
         return self._collectors[-1]
 
-    def generate(self, count, direction="ingress", **options):
-        """Sends `count` packets; returns what pktgen reports."""
-        sender, interface, target, target_interface = (
-            (self.host, "eth0", self.switch, "port1") if direction == "ingress" else
-            (self.switch, "port1", self.host, "eth0"))
+    def generating(self, count, direction="ingress", port=1, **options):
+        """Starts sending `count` packets over the link of a port; returns the process."""
+        near, far = (self.switch, f"port{port}"), (self.host, f"eth{port - 1}")
+        (sender, interface), (target, target_interface) = (far, near) if direction == "ingress" else (near, far)
         mac = json.loads(target.ip("-j", "link", "show", target_interface))[0]["address"]
         words = [BIN / "pktgen", "--interface", interface, "--count", count, "--dst-mac", mac]
         for name, value in options.items():
             words += [f"--{name.replace('_', '-')}", value]
-        return json.loads(sender.run(*words).stdout)
+        return sender.popen(*words, stdout=subprocess.PIPE, text=True)
+
+    def generate(self, count, *where, **options):
+        """Sends `count` packets as generating() does; returns what pktgen reports."""
+        return self.report_of(self.generating(count, *where, **options))
+
+    @staticmethod
+    def report_of(process):
+        """Waits for the end of generating()."""
+        output = process.communicate()[0]
+        assert process.returncode == 0, f"pktgen ended with status {process.returncode}"
+        return json.loads(output)
 
     def hooks(self):
         """Names of the tc filters on port1, by direction."""

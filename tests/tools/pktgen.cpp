@@ -46,12 +46,20 @@ struct Options {
     std::size_t least = least_frame;
     std::size_t most = 1514;
     std::optional<std::uint16_t> vlan;
+    std::optional<unsigned> marked; ///< percent of the frames that are marked, by a network or by a port
 };
 
 enum Kind : std::size_t { ipv4_tcp, ipv4_udp, ipv4_icmp, ipv6_tcp, ipv6_udp, ipv6_icmp, kinds };
 
 constexpr std::array<std::string_view, kinds> kind_names = {"ipv4_tcp", "ipv4_udp", "ipv4_icmp",
                                                             "ipv6_tcp", "ipv6_udp", "ipv6_icmp"};
+
+constexpr std::uint32_t usual_net = 0xC0000200;  // 192.0.2.0/24
+constexpr std::uint32_t marked_net = 0xCB007100; // 203.0.113.0/24
+constexpr unsigned marked_port = 443;
+
+/// What tells a frame from the others.
+enum class Mark { none, net, port };
 
 /// Appends octets and network-order numbers to a frame.
 class Writer
@@ -107,7 +115,7 @@ public:
     /// Builds the next frame into `frame` and returns its kind.
     Kind make(std::vector<std::uint8_t> &frame)
     {
-        const Kind kind = static_cast<Kind>(draw(0, kinds - 1));
+        const Kind kind = next_kind();
         const std::size_t size = draw(options_.least, options_.most);
         const bool v6 = kind >= ipv6_tcp;
         frame.clear();
@@ -129,7 +137,20 @@ public:
         return kind;
     }
 
+    /// Of the frame made last.
+    [[nodiscard]] Mark mark() const { return mark_; }
+
 private:
+    /// Marked frames are IPv4: half of them of any kind, half of them TCP.
+    Kind next_kind()
+    {
+        mark_ = Mark::none;
+        if (!options_.marked || draw(1, 100) > *options_.marked)
+            return static_cast<Kind>(draw(0, kinds - 1));
+        mark_ = draw(0, 1) == 0 ? Mark::net : Mark::port;
+        return mark_ == Mark::port ? ipv4_tcp : static_cast<Kind>(draw(ipv4_tcp, ipv4_icmp));
+    }
+
     std::size_t draw(std::size_t least, std::size_t most)
     {
         // not std::uniform_int_distribution: its results differ between libraries
@@ -156,7 +177,7 @@ private:
         out.u8(64);
         out.u8(protocol);
         out.u16(0);
-        out.u32(0xC0000200U + static_cast<std::uint32_t>(draw(1, 100)));   // 192.0.2.0/24
+        out.u32((mark_ == Mark::net ? marked_net : usual_net) + static_cast<std::uint32_t>(draw(1, 100)));
         out.u32(0xC6336400U + static_cast<std::uint32_t>(draw(101, 200))); // 198.51.100.0/24
         const std::span<const std::uint8_t> header(frame.data() + start, 20);
         store16(frame, start + 10, checksum_of(add_words(header)));
@@ -219,12 +240,17 @@ private:
     void ports(Writer &out)
     {
         out.u16(static_cast<unsigned>(draw(1024, 65535)));
-        out.u16(static_cast<unsigned>(draw(1, 1023)));
+        const auto port = static_cast<unsigned>(draw(1, 1023));
+        if (mark_ == Mark::port)
+            out.u16(marked_port);
+        else
+            out.u16(options_.marked && port == marked_port ? marked_port + 1 : port);
     }
 
     const Options &options_;
     Mac src_mac_;
     std::mt19937_64 random_;
+    Mark mark_ = Mark::none;
 };
 
 [[noreturn]] void fail(const std::string &what)
@@ -282,6 +308,8 @@ struct Report {
     std::array<std::uint64_t, kinds> packets = {};
     std::uint64_t total = 0;
     std::uint64_t bytes = 0;
+    std::uint64_t marked_by_net = 0;
+    std::uint64_t marked_by_port = 0;
     double seconds = 0;
 };
 
@@ -302,6 +330,8 @@ Report generate(const Options &options)
         const auto now_count = static_cast<std::size_t>(std::min(batch, options.count - report.total));
         for (std::size_t i = 0; i < now_count; ++i) {
             ++report.packets[maker.make(frames[i])];
+            report.marked_by_net += maker.mark() == Mark::net ? 1 : 0;
+            report.marked_by_port += maker.mark() == Mark::port ? 1 : 0;
             vectors[i] = {.iov_base = frames[i].data(), .iov_len = frames[i].size()};
             messages[i].msg_hdr.msg_iov = &vectors[i];
             messages[i].msg_hdr.msg_iovlen = 1;
@@ -323,6 +353,8 @@ void print(const Report &report)
         "{\"packets\": " + std::to_string(report.total) + ", \"bytes\": " + std::to_string(report.bytes);
     for (std::size_t kind = 0; kind < kinds; ++kind)
         line += ", \"" + std::string(kind_names[kind]) + "\": " + std::to_string(report.packets[kind]);
+    line += ", \"marked_by_net\": " + std::to_string(report.marked_by_net) +
+            ", \"marked_by_port\": " + std::to_string(report.marked_by_port);
     line += ", \"seconds\": " + std::to_string(report.seconds) + "}";
     std::puts(line.c_str());
 }
@@ -333,7 +365,10 @@ constexpr std::string_view usage =
     "  --rate N                     packets a second; 0: as fast as possible (default)\n"
     "  --seed N                     same seed, same packets (default: 1)\n"
     "  --size-range MIN-MAX         bytes of a frame without FCS, 82 to 65535 (default: 82-1514)\n"
-    "  --vlan ID[:PRIORITY]         802.1Q tag of every frame\n";
+    "  --vlan ID[:PRIORITY]         802.1Q tag of every frame\n"
+    "  --marked PERCENT             so many are IPv4 from 203.0.113.0/24, or IPv4 TCP to port 443, half of "
+    "them each;\n"
+    "                               the others are neither\n";
 
 template <typename Number>
 bool number(std::string_view text, Number least, Number most, Number &out)
@@ -400,6 +435,8 @@ constexpr OptionRow option_table[] = {
                   Options &options) { return number<std::uint64_t>(text, 0, UINT64_MAX, options.seed); }},
     {"--size-range", take_size_range},
     {"--vlan", take_vlan},
+    {"--marked", [](std::string_view text,
+                    Options &options) { return number(text, 0U, 100U, options.marked.emplace()); }},
 };
 
 Options parse(std::span<char *> arguments)
