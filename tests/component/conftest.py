@@ -4,6 +4,7 @@ import pytest
 from harness.addresses import AGENT4, AGENT6, COLLECTOR4, COLLECTOR4_B, COLLECTOR6
 from harness.collector import Collector
 from harness.domain_socket import ServiceEnd
+from harness.wait import wait_for
 
 PORTS = ("port1", "port2", "port3")
 
@@ -56,10 +57,15 @@ class Stage:
         return self.sandbox.configure(*commands)
 
     def export_to_collector(self, agent=AGENT4, destination=f"{COLLECTOR4} 6343"):
-        """The configuration that an export of port1 needs, both directions."""
+        """The configuration that an export of port1 needs, both directions; waits until the service has confirmed it."""
         self.configure(f"sflow agent address {agent}", f"sflow collector 1 destination {destination}",
                        "interface port1", "sflow flow collector 1", "sflow counter collector 1", "sflow enable")
+        self.wait_enabled("port1")
         return self.ifindex("port1")
+
+    def wait_enabled(self, port):
+        """Waits until both directions are confirmed, the last settings of export_to_collector()."""
+        wait_for(lambda: "sflow enable" in self.sandbox.config_sections().get(port, []), f"the settings of {port}")
 
     def close(self):
         for thing in reversed(self._open):

@@ -227,7 +227,6 @@ def test_show_sflow_of_an_unconfigured_daemon(ready):
 
 def test_show_sflow_of_a_configured_daemon(ready):
     ready.export_to_collector(AGENT4, f"{COLLECTOR4} 6343")
-    wait_for(lambda: "sflow enable" in ready.sandbox.running_config(), "the settings")
     output = ready.cli("show sflow").output
     assert f"Agent IP: {AGENT4}\n" in output
     assert f"{1:<5}{COLLECTOR4:<45}{6343:<6}{1400:<5}{'':<32}\n" in output

@@ -18,7 +18,7 @@ def wait_sections(stage, wanted):
     """Waits for the running configuration to be `wanted`; the order of lines within a section does not matter."""
     wanted = {name: sorted(lines) for name, lines in wanted.items()}
     try:
-        wait_for(lambda: sections(stage) == wanted, "the configuration", seconds=60)
+        wait_for(lambda: sections(stage) == wanted, "the configuration")
     except AssertionError:
         raise AssertionError(f"wanted {wanted}, got {sections(stage)}") from None
 
@@ -29,11 +29,12 @@ def global_lines(stage):
 
 def shown(stage, line):
     wait_for(lambda: f"{line}\n" in stage.cli("show sflow").output,
-             f"{line!r}", seconds=60)
+             f"{line!r}")
 
 
 def enable_port(stage, port):
     """Samples and polls `port`, which needs collector 1; waits until the service has confirmed all of it."""
+    stage.sandbox.wait_interface(port)
     stage.configure(f"interface {port}", *PORT_LINES)
     wait_for(lambda: sections(stage).get(port) == sorted(PORT_LINES), f"the settings of {port}")
     return stage.ifindex(port)
@@ -91,9 +92,12 @@ def test_a_thousand_interfaces_come_and_go_without_a_trace(exporting, tmp_path):
     for _ in range(4):
         exporting.namespace.run("ip", "-batch", batch)
     exporting.namespace.ip("link", "add", "last0", "type", "veth", "peer", "name", "last1")
-    wait_for(lambda: "last0" in exporting.cli("show interfaces brief").output, "the last interface")
-    names = {line.split()[0] for line in exporting.cli("show interfaces brief").output.splitlines()[1:]}
-    assert names == {"lo", "last0", "last1"} | {f"{end}{i}" for end in ("port", "far") for i in (1, 2, 3)}
+    left = {"lo", "last0", "last1"} | {f"{end}{i}" for end in ("port", "far") for i in (1, 2, 3)}
+
+    def names():
+        return {line.split()[0] for line in exporting.cli("show interfaces brief").output.splitlines()[1:]}
+
+    wait_for(lambda: names() == left, lambda: f"{left}, there are {names()}")
     assert sections(exporting) == before
 
 
@@ -259,12 +263,13 @@ def test_both_families_of_a_source_follow(exporting):
     give(exporting, "port2", "10.1.0.1/24")
     give(exporting, "port2", "2001:db8:1::1/64")
     exporting.configure("sflow source interface port2", "sflow source interface ipv6 port2")
+    shown(exporting, "Source IP[1]: 10.1.0.1(used: 0.0.0.0)")
+    shown(exporting, "Source IP[2]: 2001:db8:1::1(used: ::)")
     sink, sink6 = exporting.collector(), exporting.collector(COLLECTOR6, 6344)
     assert next_datagram(exporting, sink, index)[1] == "10.1.0.1"
     assert next_datagram(exporting, sink6, exporting.ifindex("port3"))[1] == "2001:db8:1::1"
     give(exporting, "port2", "2001:db8:2::1/64")        # goes in front
-    wait_for(lambda: "Source IP[2]: 2001:db8:2::1(used: 2001:db8:1::1)" in exporting.cli("show sflow").output,
-             "the new IPv6 source")
+    shown(exporting, "Source IP[2]: 2001:db8:2::1(used: 2001:db8:1::1)")
     assert next_datagram(exporting, sink6, exporting.ifindex("port3"))[1] == "2001:db8:2::1"
     assert next_datagram(exporting, sink, index)[1] == "10.1.0.1"
     exporting.namespace.ip("link", "del", "port2")
@@ -276,6 +281,7 @@ def test_a_link_that_goes_down_takes_its_ipv6_addresses_and_the_source_follows(e
     index = exporting.ifindex("port1")
     give(exporting, "port2", "2001:db8:1::1/64")
     exporting.configure("sflow source interface ipv6 port2")
+    shown(exporting, "Source IP[1]: 2001:db8:1::1(used: ::)")
     sink = exporting.collector(COLLECTOR6)
     assert next_datagram(exporting, sink, index)[1] == "2001:db8:1::1"
     exporting.namespace.ip("link", "set", "port2", "down")
@@ -293,6 +299,7 @@ def test_a_collectors_own_source_follows_its_interface(exporting):
     give(exporting, "port3", "10.9.0.1/24")
     destination = f"sflow collector 1 destination {COLLECTOR4} 6343"
     exporting.configure("sflow source interface port3", f"{destination} source interface port2")
+    shown(exporting, "Source IP[1]: 10.1.0.1(used: 0.0.0.0)")
     sink = exporting.collector()
     assert next_datagram(exporting, sink, index)[1] == "10.1.0.1"
     take(exporting, "port2", "10.1.0.1/24")

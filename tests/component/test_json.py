@@ -8,7 +8,7 @@ import pytest
 
 from harness.addresses import AGENT4, COLLECTOR4, COLLECTOR6
 from harness.daemon import BIN, CommandResult
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 GUIDE = pathlib.Path(__file__).parents[2] / "docs/json.md"
 
@@ -24,7 +24,7 @@ def with_json(stage, *commands):
     for command in commands:
         words += ["-c", command]
     return CommandResult(subprocess.run(words, env=stage.sandbox.environment, capture_output=True, text=True,
-                                        timeout=60))
+                                        timeout=2 * PATIENCE))
 
 
 def examples():
@@ -122,7 +122,7 @@ def test_what_fails_is_said_on_standard_error(ready):
 
 def test_a_script_on_standard_input(ready):
     words = [str(BIN / "sflow-cli"), "--format", "json"]
-    done = subprocess.run(words, env=ready.sandbox.environment, capture_output=True, text=True, timeout=60,
+    done = subprocess.run(words, env=ready.sandbox.environment, capture_output=True, text=True, timeout=2 * PATIENCE,
                           input="! a comment\n\nshow sflow status\nshow sflow stats\n")
     assert done.returncode == 0, done.stderr
     assert [list(json.loads(line))[0] for line in done.stdout.splitlines()] == ["interface_data", "drop_flow_num"]
@@ -131,7 +131,7 @@ def test_a_script_on_standard_input(ready):
 @pytest.mark.parametrize("words", [["--format", "xml"], ["--format"]])
 def test_other_formats_are_a_mistake(ready, words):
     done = subprocess.run([str(BIN / "sflow-cli"), *words, "-c", "show sflow"], env=ready.sandbox.environment,
-                          capture_output=True, text=True, timeout=60)
+                          capture_output=True, text=True, timeout=2 * PATIENCE)
     assert done.returncode == 64
 
 

@@ -10,7 +10,7 @@ import subprocess
 import pytest
 
 from harness.domain_socket import SET_RATE
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 JOURNALD = pathlib.Path("/lib/systemd/systemd-journald")
 MACHINE_ID = pathlib.Path("/etc/machine-id")
@@ -121,7 +121,7 @@ def journal(machine):
 
     yield entries
     daemon.terminate()
-    daemon.wait(60)
+    daemon.wait(PATIENCE)
 
 
 def test_lines_go_to_journald_with_their_priority(stage, machine, journal):

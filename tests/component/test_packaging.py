@@ -21,7 +21,7 @@ def have(program):
 
 
 def run(*words, **keywords):
-    return subprocess.run([str(word) for word in words], capture_output=True, text=True, timeout=120, **keywords)
+    return subprocess.run([str(word) for word in words], capture_output=True, text=True, timeout=600, **keywords)
 
 
 @pytest.fixture(scope="module")

@@ -10,7 +10,8 @@ COMMANDS = (f"sflow agent address {AGENT4}", f"sflow collector 1 destination {CO
 
 def saved(stage):
     stage.configure(*COMMANDS)
-    wait_for(lambda: "sflow enable egress" in stage.sandbox.running_config(), "the settings")
+    stage.wait_enabled("port1")
+    wait_for(lambda: stage.sandbox.config_sections().get("port2") == ["sflow enable egress"], "the settings of port2")
     result = stage.cli("write memory")
     assert result.status == 0, result
     return stage.sandbox.running_config()
@@ -46,12 +47,11 @@ def test_a_line_that_fails_is_logged_with_its_number_and_the_rest_is_applied(sta
         "! a comment\nsflow sampling-rate 4096\nsflow gibberish\nsflow counter interval 2\nsflow counter interval 11\n"
         "interface nosuch0\n sflow enable\n!\ninterface port1\n sflow enable\n!\n")
     stage.ready()
-    wait_for(lambda: "sflow enable" in stage.sandbox.running_config(), "the last section")
+    stage.wait_enabled("port1")
     text = stage.sandbox.running_config()
     assert "sflow sampling-rate 4096\n" in text and "sflow counter interval 11\n" in text
-    log = stage.daemon.log()
     for line in (3, 4, 6):
-        assert any("startup-config" in entry and str(line) in entry for entry in log.splitlines()), f"line {line}\n{log}"
+        wait_for(lambda: f"startup-config line {line}: " in stage.daemon.log(), f"line {line} in the log")
 
 
 def test_without_a_startup_configuration_the_daemon_starts_empty(ready):

@@ -5,6 +5,8 @@ import socket
 
 import pytest
 
+from harness.wait import PATIENCE
+
 REFERENCE = (pathlib.Path(__file__).parents[2] / "docs/command-reference.md").read_text()
 
 
@@ -13,7 +15,7 @@ class Session:
 
     def __init__(self, sandbox):
         self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(60)
+        self.socket.settimeout(PATIENCE)
         self.socket.connect(str(sandbox.path / "platform/cli_socket"))
         self.file = self.socket.makefile("rb")
         self.ask("hello 1 batch", "state")

@@ -7,7 +7,7 @@ from harness.addresses import AGENT4, COLLECTOR4
 from harness.domain_socket import (CAPACITY, CONFIG_END, CONFIG_REQUEST, CONFIG_START, CONNECT, EGRESS, HEADER_LEN,
                                    INGRESS, IFX_IS_CONF, SET_RATE, Rate, ServiceEnd, counter_report, flow_record,
                                    rate_answer, record)
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 
 def kinds(service):
@@ -32,7 +32,7 @@ def test_an_empty_configuration_replays_start_header_length_end(stage):
 def test_a_reconnected_service_gets_the_configuration_again(ready):
     ready.configure("sflow flow max-header 100", "interface port1", "sflow enable")
     index = ready.ifindex("port1")
-    wait_for(lambda: "sflow enable" in ready.sandbox.running_config(), "the setting to be confirmed")
+    ready.wait_enabled("port1")
     ready.service.disconnect()
     service = ready.connect()
     assert kinds(service)[:2] == [CONNECT, CONFIG_START]
@@ -84,7 +84,6 @@ def test_a_refused_attachment_leaves_the_interface_without_collector(stage):
 def test_three_flow_samples_back_to_back_in_one_packet_are_all_exported(ready):
     index = ready.export_to_collector()
     collector = ready.collector()
-    wait_for(lambda: "sflow enable" in ready.sandbox.running_config(), "the settings")
     headers = [bytes([number]) * 64 for number in (1, 2, 3)]
     ready.service.send(*(flow_record(header, index, ingress=index) for header in headers))
     flows = collector.wait_flows(3)
@@ -95,7 +94,6 @@ def test_three_flow_samples_back_to_back_in_one_packet_are_all_exported(ready):
 def test_short_records_unknown_records_and_noise_lose_nothing_else(ready):
     index = ready.export_to_collector()
     collector = ready.collector()
-    wait_for(lambda: "sflow enable" in ready.sandbox.running_config(), "the settings")
     good = flow_record(b"\x11" * 64, index, ingress=index)
     service = ready.service
     service.send(b"\0\0\0")                                   # shorter than a header
@@ -111,7 +109,6 @@ def test_short_records_unknown_records_and_noise_lose_nothing_else(ready):
 def test_a_hostile_header_length_does_no_harm(ready):
     index = ready.export_to_collector()
     collector = ready.collector()
-    wait_for(lambda: "sflow enable" in ready.sandbox.running_config(), "the settings")
     for length in (-1, -2**31, 257, 2**31 - 1, 100000):
         ready.service.send(flow_record(b"\x22" * 64, index, buf_len=length))
     ready.service.send(flow_record(b"\x33" * 64, index))
@@ -126,7 +123,7 @@ def test_a_second_service_is_served_when_the_first_leaves(ready):
     with pytest.raises(socket.timeout):
         second.recv(1000)
     ready.service.disconnect()
-    second.settimeout(15)
+    second.settimeout(PATIENCE)
     assert second.recv(1000) == record(CONNECT)
     second.close()
 
@@ -151,7 +148,6 @@ def test_many_reconnects(ready):
 def test_counter_reports_are_exported_with_the_interface_facts(ready):
     index = ready.export_to_collector()
     collector = ready.collector()
-    wait_for(lambda: "sflow enable" in ready.sandbox.running_config(), "the settings")
     ready.service.send(counter_report(index, {"ifInOctets": 2**40, "ifOutErrors": 7, "ifPromiscuousMode": 1},
                                       list(range(1, 14))))
     sample = collector.wait_counters(1)[0]
@@ -166,9 +162,9 @@ def test_counter_reports_are_exported_with_the_interface_facts(ready):
 def test_the_poller_asks_once_an_interval(stage):
     stage.ready(answer_counter=lambda ifx, ifx_type: counter_report(ifx, {"ifInOctets": 5}))
     stage.configure("sflow counter interval 3")
+    collector = stage.collector()     # before the first report
     stage.export_to_collector(agent=AGENT4)
-    collector = stage.collector()
-    samples = collector.wait_counters(2, seconds=60)
+    samples = collector.wait_counters(2)
     assert [sample.sequence for sample in samples[:2]] == [1, 2]
 
 

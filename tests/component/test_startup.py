@@ -7,17 +7,17 @@ import pytest
 
 from harness.daemon import BIN
 from harness.domain_socket import CAPACITY, CONNECT, ServiceEnd, record
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 
 def run_sflowd(environment):
-    return subprocess.run([str(BIN / "sflowd")], env=environment, capture_output=True, text=True, timeout=60)
+    return subprocess.run([str(BIN / "sflowd")], env=environment, capture_output=True, text=True, timeout=PATIENCE)
 
 
 def test_without_tmpdir_the_daemon_ends_and_says_what_to_do(stage, tmp_path):
     environment = {name: value for name, value in stage.sandbox.environment.items() if name != "TMPDIR"}
     done = subprocess.run([str(BIN / "sflowd")], env=environment, cwd=tmp_path, capture_output=True, text=True,
-                          timeout=60)
+                          timeout=PATIENCE)
     assert done.returncode == 255
     assert "TMPDIR" in done.stderr
     assert not list(tmp_path.iterdir())
@@ -96,9 +96,13 @@ def test_the_daemon_explains_its_options(stage):
 
 def test_threads_bear_their_names(stage):
     daemon = stage.ready().daemon
-    comm = subprocess.run(["ps", "-T", "-o", "comm=", "-p", str(child_of(daemon))], capture_output=True, text=True)
-    names = set(comm.stdout.split())
-    assert {"sflow_rdnd", "sflow_timer", "sflow_cli", "sflow_srv_recv", "sflow_srv_send", "sflow_msg_main"} <= names
+    wanted = {"sflow_rdnd", "sflow_timer", "sflow_cli", "sflow_srv_recv", "sflow_srv_send", "sflow_msg_main"}
+
+    def names():
+        comm = subprocess.run(["ps", "-T", "-o", "comm=", "-p", str(child_of(daemon))], capture_output=True, text=True)
+        return set(comm.stdout.split())
+
+    wait_for(lambda: wanted <= names(), lambda: f"{wanted}, there are {names()}")    # a thread names itself
 
 
 def child_of(process):
@@ -114,9 +118,9 @@ def test_sflow_cli_says_that_the_daemon_does_not_run(stage):
 
 def test_sflow_cli_says_that_the_daemon_waits_for_the_sampling_service(stage):
     stage.start()
-    result = stage.cli("show version")
+    result = wait_for(lambda: "sampling service" in (result := stage.cli("show version")).errors and result,
+                      "the command line to be there")
     assert result.status == 2
-    assert "sampling service" in result.errors
 
 
 def test_the_command_line_stays_closed_until_the_capacity_is_reported(stage):
@@ -131,10 +135,10 @@ def test_the_command_line_stays_closed_until_the_capacity_is_reported(stage):
 
 def test_wait_returns_as_soon_as_commands_are_accepted(stage):
     stage.start()
-    waiting = subprocess.Popen([str(BIN / "sflow-cli"), "--wait", "30", "-c", "show sflow status"],
+    waiting = subprocess.Popen([str(BIN / "sflow-cli"), "--wait", str(PATIENCE), "-c", "show sflow status"],
                                env=stage.sandbox.environment, stdout=subprocess.PIPE, text=True)
     stage.connect()
-    output, _ = waiting.communicate(timeout=60)
+    output, _ = waiting.communicate(timeout=2 * PATIENCE)
     assert waiting.returncode == 0
     assert output == ("sflow lsm data over\nsflow ss connect success\nsflow acl data over\nsflow cli ready\n"
                       "sflow cannot rdnd\n")
@@ -157,12 +161,13 @@ def test_without_a_configuration_request_the_command_line_is_not_ready(stage):
 
 
 def test_the_debug_file_tells_the_steps_of_a_start(ready):
-    text = ready.sandbox.debug_file()
     for line in ("sflow app init success.", "sflow lib server success.", "create cli thread success.",
                  "create one second thread success.", "create rdnd thread success.", "rdnd RDND_E_STAT_READY",
                  "rdnd master.", "accept success", "recv request msg", "ss ready", "lsm recv over",
                  "recv sflow_hd_capacity_msg.", "cli_client_ready"):
-        assert line in text, f"{line!r} missing in\n{text}"      # a text is one write; its line may be torn by another
+        # A text is one write; its line may be torn by another.
+        wait_for(lambda: line in ready.sandbox.debug_file(), lambda: f"{line!r} in\n{ready.sandbox.debug_file()}")
+    text = ready.sandbox.debug_file()
     assert any(re.fullmatch(r"\d{4}/\d\d/\d\d \d\d:\d\d:\d\d [\w.]+,\d+,\w.*", line) for line in text.splitlines())
 
 

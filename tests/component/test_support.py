@@ -7,7 +7,7 @@ import pytest
 
 from harness.addresses import AGENT4, COLLECTOR4
 from harness.daemon import BIN
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 SECTIONS = ("-----------------show sflow_server_lib_info-----\n", "-----------------show sflow_server_cmd_list -----\n",
             "-----------------show sflow------------------\n", "-----------------show sflow stats--------------\n",
@@ -16,6 +16,7 @@ NOBODY = 65534
 
 
 def test_show_tech_support_has_every_section_in_order(ready):
+    wait_for(lambda: "sflow app init success." in ready.sandbox.debug_file(), "the main thread to be through")
     output = ready.cli("show tech-support").output
     assert "| - sflow - sflow is off!\n" in output
     places = [output.index(section) for section in SECTIONS]
@@ -64,7 +65,7 @@ def test_the_file_is_the_operators_and_made_with_his_rights(ready, tmp_path):
     def as_nobody(path):
         return subprocess.run([shell, "-c", f"show tech-support file {path}"], user=NOBODY,
                               group=NOBODY, extra_groups=[], env=ready.sandbox.environment, capture_output=True,
-                              text=True, timeout=60)
+                              text=True, timeout=2 * PATIENCE)
 
     refused = as_nobody(tmp_path / "support")
     assert (refused.returncode, refused.stdout) == (

@@ -3,7 +3,7 @@ import socket
 import threading
 
 from harness.datagram import decode
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 
 class Collector:
@@ -39,16 +39,18 @@ class Collector:
     def counters(self):
         return [sample for datagram in self.datagrams() for sample in datagram.counters]
 
-    def wait_datagrams(self, count, seconds=60.0):
-        wait_for(lambda: len(self.raw) >= count, f"{count} datagrams, {len(self.raw)} so far", seconds)
+    def wait_datagrams(self, count, seconds=PATIENCE):
+        wait_for(lambda: len(self.raw) >= count, lambda: f"{count} datagrams, {len(self.raw)} so far", seconds)
         return self.datagrams()
 
-    def wait_flows(self, count, seconds=60.0):
-        wait_for(lambda: len(self.flows()) >= count, f"{count} flow samples", seconds)
+    def wait_flows(self, count, seconds=PATIENCE):
+        wait_for(lambda: len(self.flows()) >= count, lambda: f"{count} flow samples, {len(self.flows())} so far",
+                 seconds)
         return self.flows()
 
-    def wait_counters(self, count, seconds=60.0):
-        wait_for(lambda: len(self.counters()) >= count, f"{count} counters samples", seconds)
+    def wait_counters(self, count, seconds=PATIENCE):
+        wait_for(lambda: len(self.counters()) >= count,
+                 lambda: f"{count} counters samples, {len(self.counters())} so far", seconds)
         return self.counters()
 
     def clear(self):

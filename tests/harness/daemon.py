@@ -6,7 +6,7 @@ import signal
 import subprocess
 import tempfile
 
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 BIN = pathlib.Path(os.environ.get("SFLOW_BIN", pathlib.Path(__file__).parents[2] / "build/release/bin")).resolve()
 
@@ -44,7 +44,7 @@ class Process:
     def running(self):
         return self.popen.poll() is None
 
-    def wait(self, seconds=60.0):
+    def wait(self, seconds=PATIENCE):
         return self.popen.wait(seconds)
 
     def stop(self, how=signal.SIGKILL):
@@ -52,10 +52,10 @@ class Process:
         if self.running():
             self.popen.send_signal(how)
         try:
-            return self.popen.wait(60)
+            return self.popen.wait(PATIENCE)
         except subprocess.TimeoutExpired:
             self.popen.kill()
-            return self.popen.wait(60)
+            return self.popen.wait(PATIENCE)
 
     def close(self):
         self.stop()
@@ -105,7 +105,7 @@ class Sandbox:
         for command in commands:
             words += ["-c", command]
         return CommandResult(subprocess.run(words, env=self.environment, capture_output=True, text=True, input=stdin,
-                                            timeout=60))
+                                            timeout=2 * PATIENCE))
 
     def configure(self, *commands):
         """Runs commands in configuration mode; every one must succeed."""
@@ -113,10 +113,15 @@ class Sandbox:
         assert result.status == 0, f"{commands}: {result}"
         return result
 
-    def ready(self, seconds=60):
+    def ready(self, seconds=PATIENCE):
         """Waits until the daemon accepts configuration."""
         result = self.cli("show version", wait=seconds)
         assert result.status == 0, f"not ready: {result}\n{self.debug_file()}"
+
+    def wait_interface(self, name):
+        """Waits until the daemon knows the interface of this name that there is now, not one that had it before."""
+        index = self.namespace.ifindex(name)
+        wait_for(lambda: f"  Index {index}, " in self.cli(f"show interfaces {name}").output, f"interface {name}")
 
     def running_config(self):
         result = self.cli("show running-config")

@@ -9,7 +9,7 @@ import socket
 import struct
 import threading
 
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 GET_COUNTER, SET_RATE, IFX_IS_CONF, HEADER_LEN = 0x101, 0x102, 0x105, 0x106
 COUNTER_RET, RATE_RET, FLOW, UPDATE_COUNTER, IFX_IS_CONF_RET = 0x201, 0x202, 0x203, 0x204, 0x205
@@ -160,9 +160,9 @@ class _End:
         """Bodies of the records of one type received so far."""
         return [body for received, body in list(self.received) if received == kind]
 
-    def wait_for(self, kind, count=1, seconds=60.0):
-        wait_for(lambda: len(self.of(kind)) >= count, f"{count} records of type {kind:#x}; received {self.received}",
-                 seconds)
+    def wait_for(self, kind, count=1, seconds=PATIENCE):
+        wait_for(lambda: len(self.of(kind)) >= count,
+                 lambda: f"{count} records of type {kind:#x}; received {self.received}", seconds)
         return self.of(kind)
 
     def disconnect(self):
@@ -171,7 +171,7 @@ class _End:
                 self.connection.shutdown(socket.SHUT_RDWR)
             except OSError:
                 pass
-            self._thread.join(10)
+            self._thread.join(PATIENCE)
             self.connection.close()
             self.connection = None
 
@@ -252,7 +252,7 @@ class DaemonEnd(_End):
         self.listener.listen(0)
         self.header_len = 128
 
-    def accept(self, seconds=60.0):
+    def accept(self, seconds=PATIENCE):
         """Waits for the service and for its capacity."""
         self.listener.settimeout(seconds)
         connection, _ = self.listener.accept()

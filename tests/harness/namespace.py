@@ -6,6 +6,8 @@ import subprocess
 import threading
 import uuid
 
+from harness.wait import wait_for
+
 CLONE_NEWNET = 0x40000000
 
 
@@ -74,11 +76,14 @@ class Namespace:
         return made[0]
 
     def add_veth(self, name, peer_name, peer=None):
-        """A veth pair from here to `peer` (this namespace when None), both ends up."""
+        """A veth pair from here to `peer` (this namespace when None), both ends up and with carrier."""
         peer = peer or self
         self.ip("link", "add", name, "type", "veth", "peer", "name", peer_name, "netns", peer.name)
         self.ip("link", "set", name, "up")
         peer.ip("link", "set", peer_name, "up")
+        # The kernel tells the carrier a little later.
+        wait_for(lambda: all("state UP" in end.ip("link", "show", end_name)
+                             for end, end_name in ((self, name), (peer, peer_name))), f"the carrier of {name}")
 
     def close(self):
         subprocess.run(["ip", "netns", "del", self.name], capture_output=True)

@@ -10,7 +10,7 @@ import termios
 import threading
 
 from harness.daemon import BIN
-from harness.wait import wait_for
+from harness.wait import PATIENCE, wait_for
 
 SUPPRESSIONS = pathlib.Path(__file__).parents[1] / "lsan.supp"
 ESCAPES = re.compile(r"\x1b(\[[0-?]*[ -/]*[@-~]|[()][0-9A-B]|[=>78])")
@@ -55,11 +55,11 @@ class Terminal:
     def new_text(self):
         return self.text()[self._mark:]
 
-    def expect(self, wanted, seconds=60.0):
+    def expect(self, wanted, seconds=PATIENCE):
         """Waits until `wanted` has been printed behind the mark; returns the text up to it and moves the mark."""
         def found():
             return wanted in self.new_text()
-        wait_for(found, f"{wanted!r} on the terminal; there is {self.new_text()!r}", seconds)
+        wait_for(found, lambda: f"{wanted!r} on the terminal; there is {self.new_text()!r}", seconds)
         at = self.text().index(wanted, self._mark) + len(wanted)
         before, self._mark = self.text()[self._mark:at], at
         return before
@@ -76,7 +76,7 @@ class Terminal:
     def local_modes(self):
         return termios.tcgetattr(self._slave)[3]
 
-    def wait(self, seconds=60.0):
+    def wait(self, seconds=PATIENCE):
         return self.popen.wait(seconds)
 
     def close(self):
@@ -84,5 +84,5 @@ class Terminal:
             self.popen.send_signal(signal.SIGKILL)
             self.popen.wait()
         os.close(self._slave)
-        self._thread.join(10)
+        self._thread.join(PATIENCE)
         os.close(self._master)

@@ -5,16 +5,23 @@ import pathlib
 import signal
 import time
 
+#: Seconds after which a test gives up. A loaded machine may hold up any process for a long while, and only a test that
+#: fails waits so long.
+PATIENCE = 120
 
-def wait_for(condition, what, seconds=60.0, pause=0.02):
-    """Calls `condition` until its result is true and returns that; fails with `what` after `seconds`."""
+
+def wait_for(condition, what, seconds=PATIENCE, pause=0.02):
+    """Calls `condition` until its result is true and returns that; fails with `what` after `seconds`.
+
+    Wait for what lasts: between two calls anything may have come and gone.
+    """
     deadline = time.monotonic() + seconds
     while True:
         result = condition()
         if result:
             return result
         if time.monotonic() > deadline:
-            raise AssertionError(f"after {seconds} s still waiting for {what}")
+            raise AssertionError(f"after {seconds} s still waiting for {what() if callable(what) else what}")
         time.sleep(pause)
 
 
