@@ -110,6 +110,16 @@ def limit(link, name):
     running(link, f"sflow enable ingress acl {name}")
 
 
+def restart_service(link, meanwhile=lambda: None):
+    """The daemon stops and starts everything; the new service has to take the lists from their files."""
+    complete = "configuration complete"
+    before = link.service.log().count(complete)
+    link.service.stop()
+    meanwhile()
+    link.service = link.sandbox.start("sflow-samplingd")
+    wait_for(lambda: link.service.log().count(complete) > before, "the end of the replay")
+
+
 # ---- Measurement ----------------------------------------------------------------------------------------------------
 
 def measured(link, collector, permitted):
@@ -229,12 +239,8 @@ def test_a_second_list_adds_to_the_first_and_a_third_is_refused(link):
 def test_a_list_that_cannot_be_used_is_never_replaced_by_sampling_everything(link, spoil, code, reason):
     collector = started(link, list_of(NET, PORT), list_of("permit ip any any", name="other"))
     path, other = (access_list.path_of(link.sandbox, id_of(link, name)) for name in ("web", "other"))
-    link.service.stop()
-    spoil(path, other)
-    # The daemon stops and starts everything: the service has to take the list from its file.
-    link.service = link.sandbox.start("sflow-samplingd")
-    wait_for(lambda: f'"web": {reason}, answered with {code}\n' in link.service.log(), "the refusal")
-    wait_for(lambda: "configuration complete" in link.service.log(), "the end of the replay")
+    restart_service(link, lambda: spoil(path, other))
+    assert f'"web": {reason}, answered with {code}\n' in link.service.log()
     assert re.search(f"access list .*{path}: .*, nothing is sampled by it\n", link.service.log())
     wait_for(lambda: f"Interface port1 cannot be sampled due to an unknown error[{code}]." in link.daemon.log(),
              "the warning")
@@ -279,9 +285,7 @@ def test_a_change_of_rate_or_of_connection_keeps_the_sampler_limited(link):
     wait_for(lambda: "rate 8192" in rate_line(link), "the new rate")
     link.generate(1000, marked=0)
     assert pool(link) == 0
-    link.service.stop()
-    link.service = link.sandbox.start("sflow-samplingd")
-    wait_for(lambda: "configuration complete" in link.service.log(), "the end of the replay")
+    restart_service(link)
     wait_for(lambda: "rate 8192" in rate_line(link), "the sampler to be back")
     link.generate(1000, marked=0)
     assert pool(link) == 0
