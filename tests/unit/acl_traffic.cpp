@@ -129,8 +129,8 @@ acl::List AclTraffic::list(acl::Family family, std::size_t most_entries)
     list.family = family;
     list.id = 1;
     list.name = "1";
-    // as often short as long
-    const std::size_t size = draw(0, draw(0, most_entries));
+    // as often short as long, and now and then full
+    const std::size_t size = chance(5) ? most_entries : draw(0, draw(0, most_entries));
     for (std::size_t i = 0; i < size; ++i) {
         list.entries.push_back(entry(family));
         list.entries.back().sequence = static_cast<std::uint32_t>(10 * (i + 1));

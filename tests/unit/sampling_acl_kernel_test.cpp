@@ -146,12 +146,14 @@ TEST_F(Acl_match, kernel_and_plain_matcher_agree_on_random_lists_and_frames)
     std::uint64_t permitted = 0;
     std::uint64_t pairs = 0;
     std::uint64_t long_lists = 0;
+    std::uint64_t full_lists = 0;
     std::uint64_t beyond_the_first_word = 0;
     for (; pairs < wanted_pairs();) {
         traffic.renew();
         const acl::List list = traffic.list(traffic.family(), acl::MAX_ENTRIES);
         ASSERT_FALSE(acl::find_fault(list));
         long_lists += list.entries.size() > 64 ? 1 : 0;
+        full_lists += list.entries.size() == acl::MAX_ENTRIES ? 1 : 0;
         probe.install(first_slot, list);
         for (std::uint64_t i = 0; i < frames_a_list; ++i, ++pairs) {
             const Traffic frame = traffic.frame();
@@ -162,9 +164,10 @@ TEST_F(Acl_match, kernel_and_plain_matcher_agree_on_random_lists_and_frames)
             beyond_the_first_word += first_match(list, frame) >= 64 ? 1 : 0;
         }
     }
-    std::printf("%llu pairs agree, %llu of them permitted, %llu lists with more than 64 entries\n",
-                static_cast<unsigned long long>(pairs), static_cast<unsigned long long>(permitted),
-                static_cast<unsigned long long>(long_lists));
+    std::printf(
+        "%llu pairs agree, %llu of them permitted, %llu lists with more than 64 entries, %llu of them full\n",
+        static_cast<unsigned long long>(pairs), static_cast<unsigned long long>(permitted),
+        static_cast<unsigned long long>(long_lists), static_cast<unsigned long long>(full_lists));
     const TrafficCounts &counts = traffic.counts();
     struct Row {
         const char *name;
@@ -190,6 +193,8 @@ TEST_F(Acl_match, kernel_and_plain_matcher_agree_on_random_lists_and_frames)
                            {"cut frames", counts.cut},
                            {"malformed headers", counts.malformed}})
         EXPECT_GT(row.count, pairs / 1000) << row.name;
+    if (pairs >= 100'000)
+        EXPECT_GT(full_lists, 0U);
 }
 
 TEST_F(Acl_match, two_lists_permit_what_either_permits)
@@ -199,8 +204,9 @@ TEST_F(Acl_match, two_lists_permit_what_either_permits)
     std::uint64_t only_one = 0;
     for (int round = 0; round < 20; ++round) {
         traffic.renew();
-        const acl::List one = traffic.list(traffic.family(), 20);
-        const acl::List other = traffic.list(traffic.family(), 20);
+        const std::size_t most = round % 2 == 0 ? 20 : acl::MAX_ENTRIES;
+        const acl::List one = traffic.list(traffic.family(), most);
+        const acl::List other = traffic.list(traffic.family(), most);
         probe.install(first_slot, one);
         probe.install(second_slot, other);
         for (int i = 0; i < 500; ++i) {
