@@ -152,8 +152,8 @@ void Service::on_set_sampling(Bytes bytes)
 {
     const auto request = decode<sflow_spl_t>(bytes);
     const std::optional<SamplerKey> key = SamplerTable::key_of(*request);
-    if (!key) {
-        carry_out(*request); // to be refused
+    if (!key || key->hook == Hook::egress) {
+        carry_out(*request); // refused, or no matter of lists
         return;
     }
     using Action = RestartPairs::Decision::Action;

@@ -294,6 +294,18 @@ def test_a_change_of_rate_or_of_connection_keeps_the_sampler_limited(link):
     running(link, "sflow enable ingress acl https")
 
 
+def test_a_saved_configuration_limits_again_after_a_restart_of_both_programs(link):
+    started(link, list_of(NET, PORT))
+    assert link.sandbox.cli("write memory").status == 0
+    link.service.stop()
+    link.daemon.stop()
+    link.service.log_path.unlink()
+    link.start()
+    running(link, "sflow enable ingress acl web")
+    report = link.generate(1000, marked=MARKED)
+    wait_for(lambda: pool(link) == of_either(report), "the pool to have what is permitted")
+
+
 def rate_line(link):
     """What the service says of the sampler of port1, when it is on."""
     samplers(link)

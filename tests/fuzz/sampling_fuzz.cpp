@@ -1,6 +1,7 @@
 // The input is one packet of the daemon: it goes through the socket, the walk over its records and every command of the
-// sampling service, with a backend and counters that are made up. Whatever it holds, the service must answer a sound
-// setting afterwards.
+// sampling service, with a backend, counters and access lists that are made up. Whatever it holds, the service must
+// answer a sound setting afterwards.
+#include "acl_frames.h"
 #include "sampling_fakes.h"
 #include "service.h"
 
@@ -24,13 +25,19 @@ struct Rig {
                     counters,
                     folder.counter_options(),
                     "/nonexistent/socket",
-                    "/nonexistent/acl",
+                    folder.file("acl"),
                     [](SampleSink &) { return std::make_unique<FakeBackend>(); }};
 
     Rig()
     {
         for (IFINDEX ifindex = 0; ifindex < 256; ++ifindex)
             counters.links[ifindex] = {};
+        for (const std::int32_t id : {3, 4, 5}) {
+            acl::List list = list_of(acl::Family::ipv4, {{.action = acl::Action::permit}}, id);
+            list.name = id == 3 ? "web" : list.name;
+            if (!acl::publish_list(folder.file("acl"), list).empty())
+                std::abort();
+        }
         service.adopt(std::move(pair.service));
     }
 

@@ -210,6 +210,14 @@ TEST(Service_set_sampling, a_restart_never_samples_more_than_the_list)
     }
 }
 
+TEST(Service_set_sampling, egress_has_no_places_for_lists_and_waits_for_none)
+{
+    Rig rig;
+    EXPECT_EQ(rig.set(setting(loopback, 0, SFLOW_EGRESS, 0, 5)), 0);
+    EXPECT_EQ(rig.set(setting(loopback, 0, SFLOW_EGRESS)), 0);
+    EXPECT_EQ(rig.set(setting(loopback, 16, SFLOW_EGRESS)), 0);
+}
+
 TEST(Service_set_sampling, a_list_published_anew_reaches_the_running_sampler)
 {
     Rig rig;
