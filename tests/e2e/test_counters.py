@@ -12,7 +12,6 @@ from harness.domain_socket import (COUNTER_RET, GET_COUNTER, IFX_IS_CONF, IFX_IS
                                    DaemonEnd, record)
 from harness.wait import wait_for
 
-PATIENCE = 120    # seconds that a loaded machine may take to export once more
 COUNTER_COLLECTOR = 2
 
 
@@ -46,8 +45,13 @@ class Port:
         self.make()
         return self.index
 
+    def received(self):
+        return int(self.switch.run("cat", "/sys/class/net/port1/statistics/rx_packets").stdout)
+
     def traffic(self, packets):
+        expected = self.received() + packets
         self.host.run(BIN / "pktgen", "--interface", "eth9", "--dst-mac", self.MAC, "--count", packets)
+        wait_for(lambda: self.received() == expected, lambda: f"{expected} packets, {self.received()} so far")
 
 
 # ---- A scripted daemon, which sees every record
@@ -86,7 +90,7 @@ class Stand:
         """The next report for this interface."""
         count = len(self.daemon.of(COUNTER_RET))
         self.daemon.send(record(GET_COUNTER, struct.pack("=Ii", index, 1)))
-        return self.daemon.wait_for(COUNTER_RET, count + 1, seconds=60)[count].generic
+        return self.daemon.wait_for(COUNTER_RET, count + 1)[count].generic
 
     def updates(self):
         return [(update.ifx, update.generic["ifInUcastPkts"]) for update in self.daemon.of(UPDATE_COUNTER)]
@@ -184,16 +188,17 @@ class World:
         self.configure_port()
 
     def configure(self, *commands):
-        wait_for(lambda: self.link.sandbox.cli("configure terminal", *commands).status == 0, f"{commands}", PATIENCE)
+        wait_for(lambda: self.link.sandbox.cli("configure terminal", *commands).status == 0, f"{commands}")
 
     def configure_port(self):
+        self.link.sandbox.wait_interface("port1")
         self.configure("interface port1", "sflow counter collector 1", "sflow enable ingress")
         wait_for(lambda: "sflow counter collector" in (config := self.link.sandbox.running_config())
-                 and "sflow enable" in config, "the settings to be confirmed", PATIENCE)
+                 and "sflow enable" in config, "the settings to be confirmed")
         assert self.link.sandbox.cli("write memory").status == 0
         # A port that has never been asked for is not remembered.
         wait_for(lambda: any(sample.source_index == self.port.index for sample in self.collector.counters()),
-                 "the port to be exported", PATIENCE)
+                 "the port to be exported")
 
     # What can happen
 
@@ -216,7 +221,7 @@ class World:
 
     def start_daemon(self):
         self.link.daemon = self.link.sandbox.start_sflowd()
-        self.link.sandbox.ready(PATIENCE)
+        self.link.sandbox.ready()
 
     def make_again(self):
         self.port.make_again()
@@ -252,7 +257,7 @@ class World:
 
     def catch_up(self):
         try:
-            wait_for(lambda: (exports := self.exports()) and exports[-1][0] >= self.sent, "the export", PATIENCE)
+            wait_for(lambda: (exports := self.exports()) and exports[-1][0] >= self.sent, "the export")
         except AssertionError:
             raise AssertionError(f"{self.sent} packets sent, exported: {self.exports()}\n{self.link.service.log()}")
 

@@ -1,5 +1,4 @@
 """Sampling limited by access lists: mixed packets on veth links, counted at the collector."""
-import collections
 import math
 import re
 
@@ -7,6 +6,7 @@ import pytest
 
 from harness import access_list
 from harness.addresses import HOST4, SWITCH4
+from harness.sampler_totals import sampler_totals
 from harness.wait import wait_for
 
 RATE = 4096
@@ -15,9 +15,6 @@ MARKED = 50     # percent of the packets that the lists are about
 
 NET = "permit ip 203.0.113.0/24 any"
 PORT = "permit tcp any any eq 443"
-
-Totals = collections.namedtuple("Totals", "pool taken dropped")
-
 
 # ---- Packets --------------------------------------------------------------------------------------------------------
 
@@ -53,13 +50,8 @@ def of_either(report):
 
 def samplers(link):
     """What the service says of its samplers that are on: totals by port."""
-    end = re.compile(r": connected, sent \d+ samples")
-    before = len(end.findall(link.service.log()))
-    link.sandbox.cli("enable", "show sflow_lib_info")
-    wait_for(lambda: len(end.findall(link.service.log())) > before, "the state of the service")
-    state = link.service.log().rpartition("backend ebpf: capacity")[2]
-    lines = re.findall(r"sampler (port\d) ingress: on, .*, pool (\d+), taken (\d+), dropped (\d+)", state)
-    return {port: Totals(*map(int, totals)) for port, *totals in lines}
+    totals = sampler_totals(link.service, lambda: link.sandbox.cli("show sflow_lib_info"))
+    return {name.removesuffix(" ingress"): one for name, one in totals.items() if one.on}
 
 
 def pool(link):
@@ -199,7 +191,7 @@ def test_the_pool_counts_nothing_else(link):
     started(link, list_of(NET, PORT))
     before = received(link)
     assert link.generate(1000, marked=0)["packets"] == 1000
-    assert received(link) >= before + 1000
+    wait_for(lambda: received(link) >= before + 1000, "the packets to be received")
     assert pool(link) == 0
     report = link.generate(1000, marked=MARKED)
     wait_for(lambda: pool(link) == of_either(report), "the pool to have what is permitted")

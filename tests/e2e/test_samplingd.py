@@ -1,7 +1,6 @@
 """sflow-samplingd against a scripted daemon: real packets on a veth link, counted one by one."""
 import json
 import math
-import re
 import select
 import signal
 import socket
@@ -15,7 +14,8 @@ from harness.daemon import BIN
 from harness.domain_socket import (CAPACITY, CONFIG_REQUEST, COUNTER_RET, DEBUG, EGRESS, FLOW, GET_COUNTER,
                                    HEADER_LEN, IFX_IS_CONF, IFX_IS_CONF_RET, INGRESS, RATE_RET, DaemonEnd, rate_request,
                                    record, split)
-from harness.wait import wait_for
+from harness.sampler_totals import sampler_totals
+from harness.wait import PATIENCE, wait_for
 
 PACKETS = 1_000_000
 FLOW_BYTES = 312
@@ -66,8 +66,9 @@ class Daemon(DaemonEnd):
     def last_flow(self):
         return list(split(self.flow_packets[-1]))[-1][1]
 
-    def settled(self):
-        """Waits until no more samples arrive; returns how many there are."""
+    def settled(self, least=0):
+        """Waits until there are `least` samples and no more arrive; returns how many there are."""
+        wait_for(lambda: self.flow_count >= least, lambda: f"{least} samples, {self.flow_count} so far")
         last = [-1]
 
         def quiet():
@@ -75,7 +76,7 @@ class Daemon(DaemonEnd):
             same, last[0] = now == last[0], now
             return same
 
-        wait_for(quiet, "the samples to end", seconds=60, pause=0.3)
+        wait_for(quiet, "the samples to end", pause=0.3)
         return self.flow_count
 
 
@@ -117,13 +118,14 @@ class Stand:
         return self.near.run("tc", "qdisc", "show", "dev", "port1").stdout
 
     def totals(self):
-        """(pool, taken, dropped) of each sampler, from the service's own account."""
-        before = self.service.log().count("waiting")
-        self.daemon.send(record(DEBUG, struct.pack("=ii", SHOW_INFORMATION, 0)))
-        wait_for(lambda: self.service.log().count("waiting") > before, "the service's information")
-        shown = self.service.log().split("backend ebpf: capacity")[-1]
-        return {name: (int(pool), int(taken), int(dropped)) for name, pool, taken, dropped in re.findall(
-            r"sampler (\S+ \S+): .* pool (\d+), taken (\d+), dropped (\d+)", shown)}
+        """Totals of each sampler, from the service's own account."""
+        return sampler_totals(self.service,
+                              lambda: self.daemon.send(record(DEBUG, struct.pack("=ii", SHOW_INFORMATION, 0))))
+
+    def sums(self):
+        """Pool and samples taken, of all samplers together."""
+        totals = self.totals().values()
+        return sum(one.pool for one in totals), sum(one.taken for one in totals)
 
     def counters(self):
         return self.daemon.of(COUNTER_RET)
@@ -145,11 +147,21 @@ def sample(stand, rate, direction, **setting):
     stand.daemon.clear()
     answer = stand.daemon.set_rate(stand.index, rate, direction, **setting)
     assert answer.ret == 0
-    before = stand.received_packets()
+    received = stand.received_packets()
+    pool_before, taken_before = stand.sums()
     sent = stand.generate(PACKETS, direction)["packets"]
     assert sent == PACKETS
-    samples = stand.daemon.settled()
-    return (stand.received_packets() - before if direction == INGRESS else sent), samples
+
+    def passed():
+        return stand.received_packets() - received if direction == INGRESS else sent
+
+    def all_there():
+        pool, taken = stand.sums()
+        return pool - pool_before == passed() and taken - taken_before == stand.daemon.flow_count
+
+    wait_for(all_there, lambda: f"{stand.totals()} in the end, {stand.daemon.flow_count} samples of {passed()} packets",
+             pause=0.2)
+    return passed(), stand.daemon.flow_count
 
 
 PLACES = [pytest.param(INGRESS, {}, id="ingress"), pytest.param(EGRESS, {}, id="egress"),
@@ -211,7 +223,7 @@ def test_headers_and_lengths_are_those_of_the_frames(stand, direction, setting):
     namespace, interface = (stand.far, "eth0") if direction == INGRESS else (stand.near, "port1")
     frames = captured(namespace, interface, outgoing=True)
     stand.generate(200, direction, seed=5)
-    assert stand.daemon.settled() == 200
+    assert stand.daemon.settled(200) == 200
     sent = frames()
     flows = stand.daemon.flows()
     assert [flow.header for flow in flows] == [frame[:128] for frame in sent]
@@ -225,7 +237,7 @@ def test_the_vlan_tag_is_in_the_header_and_in_the_fields(stand, direction, setti
     stand.start()
     assert stand.daemon.set_rate(stand.index, 1, direction, **setting).ret == 0
     stand.generate(50, direction, vlan="100:5", size_range="200-200")
-    assert stand.daemon.settled() == 50
+    assert stand.daemon.settled(50) == 50
     for flow in stand.daemon.flows():
         assert flow.header[12:16] == bytes([0x81, 0x00, 5 << 5, 100])
         assert flow.header[16:18] in (b"\x08\x00", b"\x86\xdd")
@@ -244,7 +256,7 @@ def test_the_header_length_follows_the_daemon(stand):
             stand.daemon.set_rate(stand.index, 1, INGRESS)
         stand.daemon.clear()
         stand.generate(10, size_range="300-300")
-        stand.daemon.settled()
+        stand.daemon.settled(10)
         assert {len(flow.header) for flow in stand.daemon.flows()} == {length or 64}
 
 
@@ -297,7 +309,7 @@ def test_a_routed_packet_keeps_its_input_on_egress(stand, vrf):
     stand.start()
     assert stand.daemon.set_rate(out, 1, EGRESS).ret == 0
     stand.generate(100, dst_mac=mac)
-    assert stand.daemon.settled() > 0
+    assert stand.daemon.settled(1) > 0
     # A packet that came in through a member of a VRF shows the hook only the VRF itself.
     expected = 0 if vrf else stand.index
     assert {(flow.info.ingress_ifx, flow.info.egress_ifx) for flow in stand.daemon.flows()} == {(expected, out)}
@@ -314,7 +326,7 @@ def test_a_vlan_device_is_sampled_without_its_tag(stand, direction, setting):
         stand.generate(50, vlan="100", size_range="200-200")
     else:
         stand.near.run(BIN / "pktgen", "--interface", "port1.100", "--count", 50, "--size-range", "196-196")
-    assert stand.daemon.settled() == 50
+    assert stand.daemon.settled(50) == 50
     for flow in stand.daemon.flows():
         assert flow.info.source_id == index
         assert flow.header[12:14] in (b"\x08\x00", b"\x86\xdd")
@@ -333,7 +345,7 @@ def test_an_aggregate_and_its_member_are_sampled_each_on_its_own(stand):
     assert stand.daemon.set_rate(index, 1, INGRESS, ifx_type=2).ret == 0
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.generate(50)
-    assert stand.daemon.settled() == 100
+    assert stand.daemon.settled(100) == 100
     sources = [flow.info.source_id for flow in stand.daemon.flows()]
     assert (sources.count(index), sources.count(stand.index)) == (50, 50)
 
@@ -367,30 +379,30 @@ def test_snooping_leaves_the_hooks_alone_and_excludes_plain_ingress(stand):
     assert stand.daemon.set_rate(stand.index, 1, INGRESS, **SNOOP).ret == 0
     assert stand.hooks() == [0, 0]
     stand.generate(100)
-    assert stand.daemon.settled() == 100
+    assert stand.daemon.settled(100) == 100
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.daemon.clear()
     stand.generate(100)
-    assert stand.daemon.settled() == 100    # not both
+    assert stand.daemon.settled(100) == 100    # not both
     assert stand.daemon.set_rate(stand.index, 0, INGRESS, **SNOOP).ret == 0     # does not run any more
     stand.daemon.clear()
     stand.generate(100)
-    assert stand.daemon.settled() == 100
+    assert stand.daemon.settled(100) == 100
 
 
 def test_a_rate_change_keeps_the_hook_and_the_pool(stand):
     stand.start()
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.generate(100)
-    stand.daemon.settled()
+    stand.daemon.settled(100)
     before = stand.near.run("tc", "filter", "show", "dev", "port1", "ingress").stdout
     for rate in (0, 0, 2, 2, 0, 0, 1, 1):
         assert stand.daemon.set_rate(stand.index, rate, INGRESS).ret == 0
     stand.daemon.clear()
     stand.generate(100)
-    assert stand.daemon.settled() == 100
+    assert stand.daemon.settled(100) == 100
     assert stand.daemon.last_flow().info.sample_pool == 200
-    wait_for(lambda: "port1 ingress" in stand.totals(), "the sampler", seconds=1)
+    wait_for(lambda: "port1 ingress" in stand.totals(), "the sampler")
     assert stand.near.run("tc", "filter", "show", "dev", "port1", "ingress").stdout == before
 
 
@@ -405,8 +417,7 @@ def test_off_stops_at_once_and_takes_the_hook_away_a_little_later(stand):
     wait_for(lambda: stand.hooks() == [0, 1], "the ingress hook to go")
     assert "clsact" in stand.qdisc()
     assert stand.daemon.set_rate(stand.index, 0, EGRESS).ret == 0
-    wait_for(lambda: stand.hooks() == [0, 0], "the egress hook to go")
-    assert "clsact" not in stand.qdisc()
+    wait_for(lambda: stand.hooks() == [0, 0] and "clsact" not in stand.qdisc(), "the egress hook and the qdisc to go")
 
 
 def test_a_qdisc_of_somebody_else_stays(stand):
@@ -443,7 +454,7 @@ def test_a_filter_that_drops_everything_hides_nothing_from_the_sampler(stand):
     stand.start()
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.generate(50)
-    assert stand.daemon.settled() == 50
+    assert stand.daemon.settled(50) == 50
 
 
 def test_hooks_of_a_killed_instance_are_removed_at_the_next_start(stand):
@@ -465,7 +476,7 @@ def test_when_the_daemon_goes_sampling_stops_and_when_it_returns_all_is_new(stan
     stand.start()
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.generate(50)
-    stand.daemon.settled()
+    stand.daemon.settled(50)
     stand.daemon.close()
     wait_for(lambda: stand.hooks() == [0, 0] and "clsact" not in stand.qdisc(), "the hooks to go")
     stand.daemon = Daemon(stand.sandbox.domain_socket)
@@ -474,7 +485,7 @@ def test_when_the_daemon_goes_sampling_stops_and_when_it_returns_all_is_new(stan
     assert stand.hooks() == [0, 0]
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.generate(50)
-    assert stand.daemon.settled() == 50
+    assert stand.daemon.settled(50) == 50
     assert stand.daemon.last_flow().info.sample_pool == 50
 
 
@@ -484,14 +495,13 @@ def test_samples_that_are_lost_are_counted(stand):
     stand.daemon.reading.clear()
     stand.generate(200_000)
     stand.daemon.reading.set()
-    received = stand.daemon.settled()
-    pool, taken, dropped = stand.totals()["port1 ingress"]
-    assert pool == 200_000
+    wait_for(lambda: stand.sums() == (200_000, stand.daemon.flow_count),
+             lambda: f"{stand.totals()} in the end, {stand.daemon.flow_count} samples", pause=0.2)
+    _, pool, taken, dropped = stand.totals()["port1 ingress"]
     assert dropped > 0
     assert taken + dropped == pool
-    assert received == taken
     stand.generate(1)
-    stand.daemon.settled()
+    stand.daemon.settled(taken + 1)
     info = stand.daemon.last_flow().info
     assert info.sample_pool == 200_001
     assert info.drops_num == dropped
@@ -520,7 +530,9 @@ def test_attachments_are_answered(stand):
 
 def test_counters_are_the_kernels(stand):
     stand.start()
+    before = stand.received_packets()
     stand.generate(1000)
+    wait_for(lambda: stand.received_packets() == before + 1000, "the packets to be received")
     stand.daemon.send(record(GET_COUNTER, struct.pack("=Ii", stand.index, 1)))
     answer = stand.daemon.wait_for(COUNTER_RET)[0]
     statistics = {name: int(stand.near.run("cat", f"/sys/class/net/port1/statistics/{name}").stdout)
@@ -541,15 +553,15 @@ def test_a_burst_of_requests_for_a_thousand_interfaces_does_not_hold_up_samples(
     stand.near.run("ip", "-batch", "-", input=batch)
     indexes = [int(line.split(":")[0]) for line in stand.near.ip("-o", "link", "show", "type", "macvlan").splitlines()]
     assert len(indexes) == 1000
-    stand.start()
+    stand.start("--ring-size", "64M")      # room for all samples, however late the service reads them
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     requests = [record(GET_COUNTER, struct.pack("=Ii", index, 1)) for index in indexes]
     for first in range(0, len(requests), 50):
         stand.daemon.send(*requests[first:first + 50])
     stand.generate(100_000)
-    answers = stand.daemon.wait_for(COUNTER_RET, 1000, seconds=60)
+    answers = stand.daemon.wait_for(COUNTER_RET, 1000)
     assert [answer.ifx for answer in answers] == indexes
-    assert stand.daemon.settled() == 100_000
+    assert stand.daemon.settled(100_000) == 100_000
     assert stand.daemon.last_flow().info.drops_num == 0
 
 
@@ -564,7 +576,7 @@ def test_an_interface_that_goes_is_forgotten_and_can_come_back(stand):
     stand.index = stand.near.ifindex("port1")
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.generate(10)
-    assert stand.daemon.settled() == 10
+    assert stand.daemon.settled(10) == 10
 
 
 def test_records_that_are_wrong_do_no_harm(stand):
@@ -605,10 +617,10 @@ def test_four_capabilities_are_enough(stand):
         for setting in ({"direct": INGRESS}, {"direct": EGRESS}, {"direct": INGRESS, "snoop": 1}):
             assert stand.daemon.set_rate(stand.index, 1, **setting).ret == 0
         stand.generate(10)
-        assert stand.daemon.settled() == 10
+        assert stand.daemon.settled(10) == 10
     finally:
         process.send_signal(signal.SIGTERM)
-        assert process.wait(60) == 0
+        assert process.wait(PATIENCE) == 0
     assert stand.hooks() == [0, 0]
 
 
@@ -621,7 +633,7 @@ def test_a_replay_plays_a_capture_as_if_seen_on_an_interface(stand):
     assert stand.daemon.of(CAPACITY) == [1 + 4 + 16 + 64 + 128 + 256]     # ingress, also limited to access lists
     assert stand.daemon.set_rate(stand.index, 16, EGRESS).ret == -22
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
-    assert stand.daemon.settled() == 5000
+    assert stand.daemon.settled(5000) == 5000
     flows = stand.daemon.flows()
     assert [flow.header for flow in flows] == frames
     assert [flow.info.sample_pool for flow in flows] == list(range(1, 5001))
@@ -645,5 +657,5 @@ def test_the_daemons_end_of_a_replay_is_no_loss(stand):
     wait_for(lambda: "begins" in stand.service.log(), "the replay to begin")
     stand.daemon.reading.set()
     stand.daemon.wait_for(RATE_RET)
-    assert stand.daemon.settled() == 20_000
+    assert stand.daemon.settled(20_000) == 20_000
     assert stand.daemon.last_flow().info.drops_num == 0
