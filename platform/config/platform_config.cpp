@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -134,6 +135,14 @@ std::string list_of(Filter filter, Project project)
     return text;
 }
 
+/// Quoted pieces of the file may hold line ends, a message may not.
+std::string one_line(std::string text)
+{
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
+    return text;
+}
+
 class Reader
 {
 public:
@@ -145,12 +154,12 @@ public:
         try {
             root = toml::parse(text, file_name_);
         } catch (const toml::parse_error &error) {
-            return ConfigError{at(error.source().begin.line) +
-                               "not valid TOML: " + std::string(error.description())};
+            return ConfigError{one_line(at(error.source().begin.line) +
+                                        "not valid TOML: " + std::string(error.description()))};
         }
         for (const auto &[key, node] : root) {
             if (!read_section(key, node))
-                return ConfigError{mistake_};
+                return ConfigError{one_line(mistake_)};
         }
         return config_;
     }

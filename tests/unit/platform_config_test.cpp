@@ -172,6 +172,17 @@ TEST(parse_config, accepts_the_packaged_example)
     EXPECT_EQ((std::vector<std::string>{"eth0"}), shown.management_interfaces);
 }
 
+TEST(parse_config, a_mistake_is_one_line_whatever_the_file_holds)
+{
+    for (const std::string_view text : {"[redundancy]\na = [t\n\nh5\"]\n", "\"a\\nb\" = 1\n", "[\"a\\nb\"]\n",
+                                        "[syslog]\n\"que\\nue\" = 1\n", "[cpu.\"a\\nb\"]\nc = 1\n"}) {
+        const ConfigResult result = parse_config(text, "t.toml");
+        const auto *error = std::get_if<ConfigError>(&result);
+        ASSERT_NE(nullptr, error) << text;
+        EXPECT_EQ(std::string::npos, error->text.find('\n')) << error->text;
+    }
+}
+
 TEST(read_config, a_missing_file_or_directory_gives_the_defaults)
 {
     const Directory directory;
