@@ -6,9 +6,13 @@
 #include "acl_service/acl_commands.h"
 #include "acl_service/acl_service.h"
 #include "acl_service/acl_slots.h"
+#include "cli_service/core.h"
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace platform
 {
@@ -283,10 +287,25 @@ constexpr std::array<Tree, 8> trees{{
     {PARSE_ADD_SHOW_CMD, &show_top, "show access-lists"},
 }};
 
+/// Names of the lists of a kind, of any kind by default.
+std::vector<std::string> list_names(std::optional<ListKind> kind = std::nullopt)
+{
+    std::vector<std::string> names;
+    for (const AclService::Snapshot &present : acl_service().all())
+        if (!kind || present.list.kind() == *kind)
+            names.push_back(present.list.name());
+    return names;
+}
+
 } // namespace
 
 int add_acl_commands()
 {
+    cli::Core &core = cli::Core::instance();
+    for (const char *const keyword : {"acl", "access-list", "access-lists"})
+        core.offer_names(keyword, [] { return list_names(); });
+    core.offer_names("standard", [] { return list_names(ListKind::standard); });
+    core.offer_names("extended", [] { return list_names(ListKind::extended); });
     const bool added = std::all_of(trees.begin(), trees.end(), [](const Tree &tree) {
         return cli_add_command(tree.attach, tree.root, tree.name) == 0;
     });

@@ -46,20 +46,6 @@ std::vector<std::string> vrf_names()
     return names;
 }
 
-struct NamedThings {
-    std::string_view keyword;
-    std::vector<std::string> (*names)();
-};
-constexpr std::array<NamedThings, 1> named_things{{{"vrf", vrf_names}}};
-
-std::vector<std::string> named_behind(std::string_view keyword)
-{
-    for (const NamedThings &row : named_things)
-        if (row.keyword == keyword)
-            return row.names();
-    return {};
-}
-
 std::string config_file_heading()
 {
     std::array<char, 32> now{};
@@ -105,8 +91,12 @@ Core::Core()
     : interfaces_{.index_of = index_of,
                   .kinds_of = [](u_int32_t ifindex) -> u_int64_t { return lsm_if_get_kind_mask(ifindex); },
                   .names = interface_names,
-                  .named_behind = named_behind},
-      grammar_(std::make_shared<const Grammar>())
+                  .named_behind =
+                      [this](std::string_view keyword) {
+                          const auto names = names_.find(keyword);
+                          return names == names_.end() ? std::vector<std::string>() : names->second();
+                      }},
+      names_{{"vrf", vrf_names}}, grammar_(std::make_shared<const Grammar>())
 {
 }
 

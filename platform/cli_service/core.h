@@ -66,6 +66,13 @@ public:
     /// See cli_client_ready.
     void set_ready();
 
+    /// Offers names for the free word behind a keyword, in help and completion; `names` is called on the service's
+    /// thread, as this function is. Replaces what was offered there before.
+    void offer_names(std::string keyword, std::function<std::vector<std::string>()> names)
+    {
+        names_.insert_or_assign(std::move(keyword), std::move(names));
+    }
+
     // Consoles.
 
     void add_console(const Console &console) { consoles_.push_back(&console); }
@@ -106,6 +113,7 @@ private:
     void apply_startup_config();
 
     InterfaceDirectory interfaces_;
+    std::map<std::string, std::function<std::vector<std::string>()>, std::less<>> names_; ///< by keyword
     std::string client_name_;
     bool ready_ = false;
     std::string awaited_;
