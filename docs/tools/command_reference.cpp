@@ -6,6 +6,7 @@
 #include "core.h"
 #include "interpreter.h"
 #include "own_commands.h"
+#include "redundancy/rdnd_commands.h"
 #include "reference.h"
 
 #include "sflow_agent.h"
@@ -55,6 +56,7 @@ try {
         std::fputs("command-reference: the commands of access lists are refused\n", stderr);
         return EXIT_FAILURE;
     }
+    platform::add_redundancy_commands();
     sflow_cli_cmd_init();
     sflow_debug_init();
     sflow_tech_cmd_init();

@@ -24,6 +24,7 @@ namespace
 {
 
 constexpr std::size_t interface_name_max = 15; // IFNAMSIZ without the NUL
+constexpr std::size_t group_name_max = 64;
 
 template <typename T>
 struct Choice {
@@ -39,6 +40,7 @@ constexpr Choice<LogTarget> log_targets[] = {
 
 constexpr Choice<RedundancyMode> redundancy_modes[] = {
     {"standalone", RedundancyMode::standalone},
+    {"corosync", RedundancyMode::corosync},
 };
 
 template <typename T, std::size_t N>
@@ -70,6 +72,26 @@ bool apply_queue(const toml::node &node, std::string_view, Config &config)
 bool apply_mode(const toml::node &node, std::string_view, Config &config)
 {
     return choose(node, redundancy_modes, config.redundancy);
+}
+
+bool apply_group(const toml::node &node, std::string_view, Config &config)
+{
+    const auto name = node.value_exact<std::string>();
+    const auto is_graphic = [](unsigned char c) { return std::isgraph(c) != 0; };
+    if (!name || name->empty() || name->size() > group_name_max ||
+        !std::all_of(name->begin(), name->end(), is_graphic))
+        return false;
+    config.redundancy_group = *name;
+    return true;
+}
+
+bool apply_peer_timeout(const toml::node &node, std::string_view, Config &config)
+{
+    const auto ms = node.value_exact<int64_t>();
+    if (!ms || *ms < 750 || *ms > 60'000)
+        return false;
+    config.redundancy_peer_timeout = std::chrono::milliseconds(*ms);
+    return true;
 }
 
 bool apply_cores(const toml::node &node, std::string_view process, Config &config)
@@ -115,7 +137,9 @@ struct Key {
 constexpr Key keys[] = {
     {"syslog", "target", R"("auto", "syslog" or "stderr")", apply_target},
     {"syslog", "queue", "a number of lines, 1 to 1000000", apply_queue},
-    {"redundancy", "mode", R"("standalone")", apply_mode},
+    {"redundancy", "mode", R"("standalone" or "corosync")", apply_mode},
+    {"redundancy", "group", "a name of 1 to 64 characters without blanks", apply_group},
+    {"redundancy", "peer_timeout_ms", "a number of milliseconds, 750 to 60000", apply_peer_timeout},
     {"cpu.*", "cores", "a list of one or more core numbers, 0 to 1023", apply_cores},
     {"interfaces", "management", "a list of interface names of at most 15 characters", apply_management},
 };

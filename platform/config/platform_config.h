@@ -6,6 +6,7 @@
 
 #include "log/log_target.h"
 
+#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -18,6 +19,7 @@ namespace platform
 
 enum class RedundancyMode {
     standalone, ///< this unit has no partner and is the active one
+    corosync,   ///< this unit is a node of a corosync cluster, and one of a pair
 };
 
 /// Values of the file; the initialisers are the defaults.
@@ -25,6 +27,8 @@ struct Config {
     LogTarget syslog_target = LogTarget::automatic; ///< [syslog] target
     std::optional<int> syslog_queue;                ///< [syslog] queue: lines; empty when the file names none
     RedundancyMode redundancy = RedundancyMode::standalone;     ///< [redundancy] mode
+    std::string redundancy_group = "sflow";                     ///< [redundancy] group: 1 to 64 characters
+    std::chrono::milliseconds redundancy_peer_timeout{1500};    ///< [redundancy] peer_timeout_ms
     std::map<std::string, std::vector<int>, std::less<>> cores; ///< [cpu.PROCESS] cores, by process name
     std::vector<std::string> management_interfaces;             ///< [interfaces] management: kernel names
 };

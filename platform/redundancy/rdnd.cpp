@@ -5,6 +5,7 @@
 #include "config/platform_config.h"
 #include "lock/immortal.h"
 #include "log/log_target.h"
+#include "redundancy/rdnd_commands.h"
 #include "redundancy/rdnd_service.h"
 
 #include <cstring>
@@ -13,6 +14,7 @@
 namespace
 {
 
+using platform::rdnd_service;
 using platform::RdndEdition;
 using platform::RdndHost;
 using platform::RdndService;
@@ -33,14 +35,10 @@ std::unique_ptr<RdndEdition> configured_edition(RdndHost &host)
     switch (platform::platform_config().redundancy) {
     case platform::RedundancyMode::standalone:
         return platform::make_standalone_edition(host);
+    case platform::RedundancyMode::corosync:
+        return platform::make_corosync_edition(host, platform::platform_config());
     }
     return refuse("the configured mode has no edition, the service does not start");
-}
-
-RdndService &service()
-{
-    static const platform::Immortal<RdndService> instance(configured_edition);
-    return *instance;
 }
 
 bool is_usable(const char *name)
@@ -50,9 +48,18 @@ bool is_usable(const char *name)
 
 } // namespace
 
+platform::RdndService &platform::rdnd_service()
+{
+    static const Immortal<RdndService> instance(configured_edition);
+    return *instance;
+}
+
 int rdnd_kx_thread_init(kx_thread_master_t *master, int slot, int flags)
 {
-    return slot == 0 && flags == 0 ? service().attach(master) : -1;
+    if (slot != 0 || flags != 0 || rdnd_service().attach(master) != 0)
+        return -1;
+    platform::add_redundancy_commands();
+    return 0;
 }
 
 int rdnd_callback_register(const char *name, unsigned long version, rdnd_handler_t handler, int flags,
@@ -60,18 +67,18 @@ int rdnd_callback_register(const char *name, unsigned long version, rdnd_handler
 {
     if (!is_usable(name) || handler == nullptr || flags != 0)
         return -1;
-    return service().register_client(name, version, handler, arg);
+    return rdnd_service().register_client(name, version, handler, arg);
 }
 
 rdnd_role rdnd_get_role()
 {
-    const RdndEdition *edition = service().edition();
+    const RdndEdition *edition = rdnd_service().edition();
     return edition != nullptr ? edition->role() : RDND_ROLE_NONE;
 }
 
 rdnd_stat rdnd_get_state()
 {
-    const RdndEdition *edition = service().edition();
+    const RdndEdition *edition = rdnd_service().edition();
     return edition != nullptr ? edition->state() : RDND_STAT_INIT;
 }
 
@@ -85,15 +92,15 @@ unsigned long rdnd_get_version(int data_len, const void *data_buf)
 
 int rdnd_chkpnt_enqueue(const char *name, int len, const void *data, int flags)
 {
-    if (!is_usable(name) || len < 1 || data == nullptr || flags != 0 || !service().is_registered(name))
+    if (!is_usable(name) || len < 1 || data == nullptr || flags != 0 || !rdnd_service().is_registered(name))
         return RDND_ENQUEUE_FAILED;
-    return service().edition()->enqueue(
+    return rdnd_service().edition()->enqueue(
         name, {static_cast<const std::byte *>(data), static_cast<std::size_t>(len)});
 }
 
 int rdnd_notify_completion(const char *name, rdnd_notify what)
 {
-    if (!is_usable(name) || !service().is_registered(name))
+    if (!is_usable(name) || !rdnd_service().is_registered(name))
         return -1;
-    return service().edition()->completed(name, what);
+    return rdnd_service().edition()->completed(name, what);
 }

@@ -65,6 +65,7 @@ void RdndService::deliver_next(const kx_thread_master_t *master)
 {
     Event event;
     Client client{};
+    RdndEdition *edition = nullptr;
     {
         const MutexLock lock(mutex_);
         if (master != master_ || events_.empty())
@@ -72,9 +73,12 @@ void RdndService::deliver_next(const kx_thread_master_t *master)
         event = std::move(events_.front());
         events_.pop_front();
         client = clients_.at(event.name);
+        edition = edition_.get();
     }
-    client.handler(event.name.data(), event.event, static_cast<int>(event.data.size()),
-                   event.data.empty() ? nullptr : event.data.data(), client.arg);
+    std::string name = event.name; // the handler's to write to
+    const int answer = client.handler(name.data(), event.event, static_cast<int>(event.data.size()),
+                                      event.data.empty() ? nullptr : event.data.data(), client.arg);
+    edition->handled(event.name, event.event, answer);
 }
 
 } // namespace platform

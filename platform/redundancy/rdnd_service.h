@@ -57,4 +57,7 @@ private:
     std::deque<Event> events_ PLATFORM_GUARDED_BY(mutex_); ///< one task on the master each
 };
 
+/// The process's service.
+[[nodiscard]] RdndService &rdnd_service();
+
 } // namespace platform

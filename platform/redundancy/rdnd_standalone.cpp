@@ -32,6 +32,17 @@ public:
     int enqueue(const std::string &, std::span<const std::byte>) override { return RDND_ENQUEUE_STOP; }
 
     int completed(const std::string &, rdnd_notify) override { return 0; }
+    void handled(const std::string &, RDND_EVENT, int) override {}
+
+    std::string force_switchover() override { return "this unit has no partner"; }
+    [[nodiscard]] std::vector<RdndReportLine> report() const override
+    {
+        return {{"Mode", "standalone"},
+                {"Role", "master"},
+                {"State", state() == RDND_STAT_ALONE ? "alone" : "starting"},
+                {"Peer", "none"},
+                {"Last switchover", "none"}};
+    }
 
 private:
     RdndHost &host_;

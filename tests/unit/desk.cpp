@@ -14,6 +14,7 @@
 #include "sflow_lsm.h"
 #include "sflow_tech_sup.h"
 
+#include "platform/rdnd.h"
 #include "platform/syslog_client.h"
 
 #include <cstdarg>
@@ -174,6 +175,7 @@ Desk::Desk(const std::string &directory) : master_(kx_thread_master_create())
     require(sflow_lib_server_init() == 0, "the server");
     require(sflow_config_register() == 0, "the message handlers");
     sflow_cli_master = master_;
+    require(rdnd_kx_thread_init(master_, 0, 0) == 0, "the redundancy service");
     start_clients(master_);
     threads_start = true;
     cli::Core::instance().set_settle_time({});

@@ -55,6 +55,8 @@ TEST(parse_config, an_empty_text_gives_the_defaults)
     EXPECT_EQ(LogTarget::automatic, config.syslog_target);
     EXPECT_FALSE(config.syslog_queue.has_value());
     EXPECT_EQ(RedundancyMode::standalone, config.redundancy);
+    EXPECT_EQ("sflow", config.redundancy_group);
+    EXPECT_EQ(std::chrono::milliseconds(1500), config.redundancy_peer_timeout);
     EXPECT_TRUE(config.cores.empty());
     EXPECT_TRUE(config.management_interfaces.empty());
 }
@@ -66,7 +68,9 @@ TEST(parse_config, reads_every_key)
 target = "stderr"
 queue = 4096
 [redundancy]
-mode = "standalone"
+mode = "corosync"
+group = "pair-1"
+peer_timeout_ms = 2000
 [cpu.SFLOW]
 cores = [2, 3]
 [cpu.OTHER]
@@ -76,7 +80,9 @@ management = ["eth0", "mgmt-interface1"]
 )");
     EXPECT_EQ(LogTarget::standard_error, config.syslog_target);
     EXPECT_EQ(4096, config.syslog_queue);
-    EXPECT_EQ(RedundancyMode::standalone, config.redundancy);
+    EXPECT_EQ(RedundancyMode::corosync, config.redundancy);
+    EXPECT_EQ("pair-1", config.redundancy_group);
+    EXPECT_EQ(std::chrono::milliseconds(2000), config.redundancy_peer_timeout);
     ASSERT_EQ(2U, config.cores.size());
     EXPECT_EQ((std::vector<int>{2, 3}), config.cores.at("SFLOW"));
     EXPECT_EQ((std::vector<int>{1023}), config.cores.at("OTHER"));
@@ -88,6 +94,7 @@ TEST(parse_config, accepts_every_word_of_a_choice)
     EXPECT_EQ(LogTarget::automatic, accept("syslog.target = \"auto\"").syslog_target);
     EXPECT_EQ(LogTarget::syslog, accept("syslog.target = \"syslog\"").syslog_target);
     EXPECT_EQ(LogTarget::standard_error, accept("syslog.target = \"stderr\"").syslog_target);
+    EXPECT_EQ(RedundancyMode::standalone, accept("redundancy.mode = \"standalone\"").redundancy);
     EXPECT_TRUE(accept("[interfaces]\nmanagement = []").management_interfaces.empty());
 }
 
@@ -113,7 +120,11 @@ TEST(parse_config, a_mistake_is_told_with_file_line_and_what_is_accepted)
         {"queue = 1", "t.toml:1: no section \"queue\"", "accepted: syslog"},
         {"syslog = 1", "t.toml:1: no section \"syslog\"", "accepted: syslog"},
         {"[redundancy]\nmode = \"cluster\"", "t.toml:2: unusable value of \"mode\"",
-         "accepted: \"standalone\""},
+         R"(accepted: "standalone" or "corosync")"},
+        {"[redundancy]\ngroup = \"\"", "t.toml:2: unusable value of \"group\"", "1 to 64 characters"},
+        {"[redundancy]\ngroup = \"a b\"", "t.toml:2: ", "without blanks"},
+        {"[redundancy]\npeer_timeout_ms = 749", "t.toml:2: ", "750 to 60000"},
+        {"[redundancy]\npeer_timeout_ms = 60001", "t.toml:2: ", "750 to 60000"},
         {"[cpu]\ncores = [1]", "t.toml:2: no key \"cores\" in [cpu]", "accepted: cpu.*"},
         {"[cpu.SFLOW]\ncores = []", "t.toml:2: unusable value of \"cores\"", "0 to 1023"},
         {"[cpu.SFLOW]\ncores = [-1]", "t.toml:2: ", "0 to 1023"},
@@ -168,6 +179,7 @@ TEST(parse_config, accepts_the_packaged_example)
     EXPECT_TRUE(defaults.management_interfaces.empty());
     const Config shown = accept(with_every_value);
     EXPECT_EQ(20480, shown.syslog_queue);
+    EXPECT_EQ("sflow", shown.redundancy_group);
     EXPECT_EQ((std::vector<int>{2, 3}), shown.cores.at("SFLOW"));
     EXPECT_EQ((std::vector<std::string>{"eth0"}), shown.management_interfaces);
 }

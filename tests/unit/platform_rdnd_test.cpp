@@ -1,6 +1,7 @@
 // Redundancy service: registration, delivery on the thread master, and the edition without a partner.
 
 #include "platform_config_use.h"
+#include "rdnd_commands_double.h"
 #include "redundancy/rdnd_service.h"
 
 #include "platform/rdnd.h"
@@ -89,6 +90,61 @@ TEST(RdndService_standalone, tells_the_sender_of_checkpoints_to_stop)
     ASSERT_EQ(0, service.attach(master.get()));
     EXPECT_EQ(RDND_ENQUEUE_STOP, service.edition()->enqueue("SFLOW_RDND", bytes("record")));
     EXPECT_EQ(0, service.edition()->completed("SFLOW_RDND", RDND_NOTIFY_BATCH));
+}
+
+TEST(RdndService_standalone, has_nobody_to_hand_over_to)
+{
+    RdndService service(platform::make_standalone_edition);
+    const Master master(kx_thread_master_create());
+    ASSERT_EQ(0, service.attach(master.get()));
+    EXPECT_EQ("this unit has no partner", service.edition()->force_switchover());
+    ASSERT_FALSE(service.edition()->report().empty());
+    EXPECT_EQ("Mode", service.edition()->report()[0].heading);
+    EXPECT_EQ("standalone", service.edition()->report()[0].value);
+}
+
+namespace
+{
+
+/// Notes which answers come back to it.
+class Answers final : public RdndEdition
+{
+public:
+    explicit Answers(std::vector<std::string> &answers) : answers_(answers) {}
+    [[nodiscard]] rdnd_role role() const override { return RDND_ROLE_NONE; }
+    [[nodiscard]] rdnd_stat state() const override { return RDND_STAT_INIT; }
+    bool client_registered(const std::string &, unsigned long) override { return true; }
+    int enqueue(const std::string &, std::span<const std::byte>) override { return RDND_ENQUEUE_STOP; }
+    int completed(const std::string &, rdnd_notify) override { return 0; }
+    void handled(const std::string &name, RDND_EVENT event, int answer) override
+    {
+        answers_.push_back(name + " " + std::to_string(event) + " " + std::to_string(answer));
+    }
+    std::string force_switchover() override { return "no"; }
+    [[nodiscard]] std::vector<platform::RdndReportLine> report() const override { return {}; }
+
+private:
+    std::vector<std::string> &answers_;
+};
+
+} // namespace
+
+TEST(RdndService_post, the_handlers_answer_goes_back_to_the_edition)
+{
+    std::vector<std::string> answers;
+    RdndService service([&](RdndHost &) { return std::make_unique<Answers>(answers); });
+    const Master master(kx_thread_master_create());
+    ASSERT_EQ(0, service.attach(master.get()));
+    const auto handler = [](char *name, RDND_EVENT event, int, void *, void *) {
+        *name = '?'; // its own copy
+        return event == RDND_E_VERSION_CHECK ? static_cast<int>(RDND_VERCHK_NG) : 0;
+    };
+    ASSERT_EQ(0, service.register_client("one", 1, handler, nullptr));
+    EXPECT_TRUE(service.post("one", RDND_E_VERSION_CHECK, bytes("12345678")));
+    EXPECT_TRUE(service.post("one", RDND_E_BACKUP_MSG, bytes("x")));
+    EXPECT_TRUE(answers.empty());
+    serve(master.get());
+    EXPECT_EQ((std::vector<std::string>{"one 1 1", "one 7 0"}), answers);
 }
 
 TEST(RdndService_post, events_arrive_in_order_on_the_masters_thread_with_their_data)
@@ -211,7 +267,9 @@ TEST(rdnd_client, unusable_arguments_are_refused)
     EXPECT_EQ(-1, rdnd_kx_thread_init(nullptr, 0, 0));
     EXPECT_EQ(-1, rdnd_kx_thread_init(master.get(), 1, 0));
     EXPECT_EQ(-1, rdnd_kx_thread_init(master.get(), 0, 1));
+    EXPECT_EQ(0, redundancy_commands_added);
     ASSERT_EQ(0, rdnd_kx_thread_init(master.get(), 0, 0));
+    EXPECT_EQ(1, redundancy_commands_added);
     EXPECT_EQ(RDND_ROLE_MASTER, rdnd_get_role());
     Calls calls;
     const std::string long_name(32, 'x');
