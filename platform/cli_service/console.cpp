@@ -1,6 +1,7 @@
 #include "console.h"
 
 #include "core.h"
+#include "own_commands.h"
 
 #include <array>
 #include <unistd.h>
@@ -134,6 +135,20 @@ bool Console::present(cli_session_t &command)
     return false;
 }
 
+// A unit can become the standby while an operator is in a configuration mode.
+bool Console::refused_as_passive(cli_session_t &command, const Outcome &outcome)
+{
+    if (internal_ || outcome.mode == Mode::exec || only_changes_mode(outcome.handler))
+        return false;
+    const std::string refusal = ConfigMirror::refusal();
+    if (refusal.empty())
+        return false;
+    command.write("% " + refusal + "\n");
+    command.fail();
+    enter(Mode::exec);
+    return true;
+}
+
 // A range as a whole is matched with the kinds of all its members. What that lets through is matched again for each
 // member: a command that this interface alone would not offer could not be read back from a saved configuration.
 void Console::call_for_range(cli_session_t &command, const Interpreter &interpreter)
@@ -159,6 +174,8 @@ void Console::call_for_range(cli_session_t &command, const Interpreter &interpre
 
 void Console::call(cli_session_t &command, const Outcome &outcome, const Interpreter &interpreter)
 {
+    if (refused_as_passive(command, outcome))
+        return;
     const bool interface_command = outcome.mode == Mode::interface || outcome.mode == Mode::ifrange;
     if (interface_command && !present(command))
         return;

@@ -47,6 +47,9 @@ public:
     /// "host>", "host#", "host(config)#", … without a blank.
     [[nodiscard]] std::string prompt() const;
 
+    /// What is run here is no operator's: it configures a standby too.
+    void set_internal() { internal_ = true; }
+
     // For the service's own commands.
 
     /// Whose console this is, in words for other operators and for the log; empty when it is nobody's.
@@ -75,12 +78,14 @@ public:
 private:
     [[nodiscard]] Place place() const;
     bool present(cli_session_t &command);
+    bool refused_as_passive(cli_session_t &command, const Outcome &outcome);
     void call(cli_session_t &command, const Outcome &outcome, const Interpreter &interpreter);
     void call_for_range(cli_session_t &command, const Interpreter &interpreter);
 
     Core &core_;
     std::string owner_;
     std::optional<User> user_;
+    bool internal_ = false;
     Level level_;
     Mode mode_;
     IFINDEX ifindex_ = 0;

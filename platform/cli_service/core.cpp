@@ -222,6 +222,7 @@ void Core::mark_changed()
 {
     changed_.store(true, std::memory_order_relaxed);
     last_change_.store(std::chrono::steady_clock::now(), std::memory_order_relaxed);
+    mirror_.changed();
 }
 
 std::chrono::milliseconds Core::until_settled() const
@@ -278,7 +279,26 @@ std::string Core::save_config()
         saved_config_ = without_comments(text);
     else
         mark_changed();
+    mirror_.saved();
     return error;
+}
+
+bool Core::is_saved(std::string_view text) const
+{
+    return !saved_config_.empty() && without_comments(text) == saved_config_;
+}
+
+void Core::save_mirrored(const std::string &text)
+{
+    if (is_saved(text))
+        return;
+    const std::string error = write_config_file(startup_config_path(), config_file_heading() + text);
+    if (error.empty())
+        saved_config_ = without_comments(text);
+    else
+        printk_syslog_ext(log_warning, "CLI", "MIRROR", SYSLOG_DEST_OPERATOR,
+                          "the active unit's startup configuration could not be saved here: %s",
+                          error.c_str());
 }
 
 bool Core::saved()
@@ -304,6 +324,7 @@ void Core::set_ready()
     ready_ = true;
     if (!std::exchange(startup_applied_, true))
         apply_startup_config();
+    mirror_.ready();
 }
 
 void Core::apply_startup_config()
@@ -319,6 +340,7 @@ void Core::apply_startup_config()
     saved_config_ = without_comments(*file.text);
     mark_changed();
     Console console(*this, Level::privileged, Mode::config);
+    console.set_internal();
     int lines = 0;
     int failed = 0;
     for_each_line(*file.text, [&](int number, std::string_view line) {

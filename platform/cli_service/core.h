@@ -8,6 +8,7 @@
 #include "grammar.h"
 #include "lock/mutex.h"
 #include "matcher.h"
+#include "mirror.h"
 #include "running_config.h"
 
 #include <atomic>
@@ -101,7 +102,12 @@ public:
     void mark_changed();
     /// Whether the startup configuration, as it was read or written last, says what the running one says.
     [[nodiscard]] bool saved();
+    /// Whether `text` is what the startup configuration says.
+    [[nodiscard]] bool is_saved(std::string_view text) const;
+    /// Makes the active unit's startup configuration this unit's own.
+    void save_mirrored(const std::string &text);
 
+    [[nodiscard]] ConfigMirror &mirror() { return mirror_; }
     [[nodiscard]] const std::string &client_name() const { return client_name_; }
 
 private:
@@ -120,6 +126,7 @@ private:
     bool startup_applied_ = false;
     std::vector<const Console *> consoles_;
     RunningConfig config_;
+    ConfigMirror mirror_{*this};
     std::chrono::milliseconds settle_time_{1000};
     std::atomic<std::chrono::steady_clock::time_point> last_change_{std::chrono::steady_clock::time_point{}};
     std::chrono::steady_clock::time_point settle_deadline_; ///< valid while somebody waits

@@ -30,10 +30,16 @@ Console &console_of(const struct_command_data_block *record)
 bool accepts_configuration(const struct_command_data_block *record)
 {
     cli_session_t &command = command_of(record);
-    if (command.core().ready())
+    if (!command.core().ready()) {
+        command.write("% " + command.core().starting() + "\n");
+        command.set_status(Status::not_ready);
+        return false;
+    }
+    const std::string refusal = ConfigMirror::refusal();
+    if (refusal.empty())
         return true;
-    command.write("% " + command.core().starting() + "\n");
-    command.set_status(Status::not_ready);
+    command.write("% " + refusal + "\n");
+    command.fail();
     return false;
 }
 
@@ -296,6 +302,11 @@ constexpr std::array<Tree, 8> trees{{
 }};
 
 } // namespace
+
+bool only_changes_mode(cli_handler_t handler)
+{
+    return handler == leave || handler == end;
+}
 
 void add_own_commands(Core &core)
 {

@@ -9,6 +9,9 @@ namespace cli
 /// Registers them. Calling it again changes nothing.
 void add_own_commands(Core &core);
 
+/// Whether a handler does nothing but change the mode.
+[[nodiscard]] bool only_changes_mode(cli_handler_t handler);
+
 // In own_show.cpp; handlers of the show trees.
 void show_running_config(struct_command_data_block *record);
 void show_running_config_all(struct_command_data_block *record);

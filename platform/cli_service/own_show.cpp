@@ -140,7 +140,8 @@ std::string brief_row(std::string_view name, std::string_view admin, std::string
 void write_config_text(const struct_command_data_block *record, bool all)
 {
     cli_session_t &command = command_of(record);
-    command.write(command.core().running_config(all));
+    const auto &mirrored = command.core().mirror().mirrored();
+    command.write(mirrored ? *mirrored : command.core().running_config(all));
 }
 
 } // namespace

@@ -129,6 +129,7 @@ int cli_client_init(const char *name, kx_thread_master_t *master)
 
     Core &core = Core::instance();
     core.serve(name, master);
+    core.mirror().start(master);
     cli::add_own_commands(core);
     constexpr tech_cli_hooks_t hooks{execute_for_tech_support, capture_for_tech_support};
     tech_set_cli_hooks(&hooks);

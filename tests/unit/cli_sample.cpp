@@ -37,8 +37,10 @@ void fan_speed(struct_command_data_block *record)
         return;
     }
     note("fan_speed", record);
-    if (!calls.fail)
-        calls.speed = record->flag_nd_prefix != 0 ? 5 : static_cast<int>(record->int_var[0]);
+    if (calls.fail)
+        return;
+    calls.speed = record->flag_nd_prefix != 0 ? 5 : static_cast<int>(record->int_var[0]);
+    calls.speeds.push_back(calls.speed);
 }
 
 void fan_name(struct_command_data_block *record)

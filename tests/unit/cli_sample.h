@@ -20,7 +20,8 @@ struct Calls {
     bool fail = false;
     /// Interface for which fan_enable fails, 0 none.
     u_int64_t failing_interface = 0;
-    int speed = 5; ///< printed in the running configuration; 5 is the default
+    int speed = 5;           ///< printed in the running configuration; 5 is the default
+    std::vector<int> speeds; ///< each that was set, the default included
     std::string name;
 };
 
