@@ -30,6 +30,7 @@ def parse_arguments():
     parser = argparse.ArgumentParser(prog="scripts/run", add_help=False)
     parser.add_argument("--bin", type=pathlib.Path, required=True)
     parser.add_argument("--packets", type=int, default=4_000_000)
+    parser.add_argument("--pair", action="store_true")
     parser.add_argument("--interface")
     parser.add_argument("--collector")
     parser.add_argument("--rate", type=int, default=RATE)
@@ -363,6 +364,9 @@ def real_interface(arguments):
 def main():
     arguments = parse_arguments()
     try:
+        if arguments.pair:
+            import demo_pair
+            return demo_pair.demonstrate(arguments)
         return real_interface(arguments) if arguments.interface else demonstration(arguments)
     except Failure as failure:
         print(f"scripts/run: {failure}", file=sys.stderr)
@@ -373,4 +377,5 @@ def main():
 
 
 if __name__ == "__main__":
+    sys.modules["demo"] = sys.modules["__main__"]    # what demo_pair imports
     sys.exit(main())
