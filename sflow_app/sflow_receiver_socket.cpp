@@ -152,8 +152,9 @@ static int open_socket(sflreceiver_t *receiver, const family_t &family)
     return 0;
 }
 
-/// A socket without these options still reaches most collectors, so a refusal is only logged.
-static void set_options(const sflreceiver_t *receiver, const family_t &family)
+/// A socket without these options still reaches most collectors, so a refusal is only logged. Where the kernel does
+/// not know the VRF options, the platform binds the socket; what cannot be bound must not go out by the default VRF.
+static int set_options(const sflreceiver_t *receiver, const family_t &family)
 {
     const int reuse = 1;
     if (setsockopt(receiver->sd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse)) != 0)
@@ -162,10 +163,11 @@ static void set_options(const sflreceiver_t *receiver, const family_t &family)
     const int vrf = receiver->address.vrf_index;
     if (family.log_vrf)
         SFLOW_LOG_EXPT("[SFLOW-EXPT]%s vrf id:%d\n", family.name, vrf);
-    if (vrf == 0)
-        return;
-    if (setsockopt(receiver->sd, family.vrf_level, family.vrf_option, &vrf, sizeof(vrf)) != 0)
-        SFLOW_LOG_EXPT("[SFLOW-EXPT]%s set sock vrf opt fail:%s\n", family.name, std::strerror(errno));
+    if (vrf == 0 || setsockopt(receiver->sd, family.vrf_level, family.vrf_option, &vrf, sizeof(vrf)) == 0)
+        return 0;
+    const int error = errno;
+    SFLOW_LOG_EXPT("[SFLOW-EXPT]%s set sock vrf opt fail:%s\n", family.name, std::strerror(error));
+    return error == ENOPROTOOPT ? lsm_vrf_bind_socket(receiver->sd, vrf) : 0;
 }
 
 static int bind_to(const sflreceiver_t *receiver, const family_t &family, const sfladdress_value_t *source)
@@ -220,15 +222,20 @@ static int bind_global_source(const sflreceiver_t *receiver, const family_t &fam
     return ret;
 }
 
-static int bind_wildcard(sflreceiver_t *receiver, const family_t &family)
+/// Closes the socket when `ret`, the outcome of the last way to bind it, is a failure; returns it.
+static int close_unbound(sflreceiver_t *receiver, const family_t &family, int ret)
 {
-    const sfladdress_value_t wildcard = no_address();
-    const int ret = bind_to(receiver, family, &wildcard);
     if (ret < 0) {
         SFLOW_LOG_EXPT("[SFLOW-EXPT]%s bind socket fail:%d, %s\n", family.name, ret, std::strerror(errno));
         sflow_close_socket(receiver);
     }
     return ret;
+}
+
+static int bind_wildcard(sflreceiver_t *receiver, const family_t &family)
+{
+    const sfladdress_value_t wildcard = no_address();
+    return close_unbound(receiver, family, bind_to(receiver, family, &wildcard));
 }
 
 static void *used_address(const sflreceiver_t *receiver)
@@ -262,9 +269,9 @@ static int connect_to_collector(sflreceiver_t *receiver, const family_t &family)
 
 static int bind_socket(sflreceiver_t *receiver, const family_t &family)
 {
-    if (open_socket(receiver, family) != 0)
+    if (open_socket(receiver, family) != 0 ||
+        close_unbound(receiver, family, set_options(receiver, family)) < 0)
         return -1;
-    set_options(receiver, family);
 
     sfladdress_value_t source = no_address();
     if (bind_collector_source(receiver, family, &source) < 0 &&

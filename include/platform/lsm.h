@@ -382,6 +382,11 @@ int lsm_vrf_name2index(const char *name);
 /// untouched.
 int lsm_vrf_index2name(int vrf, char *buf, int len);
 
+/// Puts an unbound socket into the VRF `vrf` (not 0), for a kernel that does not know the platform's own socket
+/// options for that: what it sends takes the VRF's routes, and its local address is one of the VRF's. Any thread.
+/// Returns 0, or -1 with errno: ENODEV when there is no such VRF (any more), otherwise what the kernel says.
+int lsm_vrf_bind_socket(int sd, int vrf);
+
 /// Ethernet facts of an interface.
 struct lsm_eth_info_t {
     lsm_duplex_t duplex;

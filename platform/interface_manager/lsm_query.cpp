@@ -212,6 +212,17 @@ int lsm_vrf_index2name(int vrf, char *buf, int len)
     });
 }
 
+int lsm_vrf_bind_socket(int sd, int vrf)
+{
+    const bool is_vrf = ask(static_cast<IFINDEX>(vrf), false,
+                            [](const Interface &intf) { return type_of(intf.link) == LSM_IF_TYPE_VRF; });
+    if (!is_vrf) {
+        errno = ENODEV;
+        return -1;
+    }
+    return setsockopt(sd, SOL_SOCKET, SO_BINDTOIFINDEX, &vrf, sizeof(vrf));
+}
+
 const lsm_intfcb_t *lsm_get_intfcb(IFINDEX ifx)
 {
     return ask(ifx, static_cast<const lsm_intfcb_t *>(nullptr),

@@ -16,11 +16,10 @@ class Stage:
         self.namespace = namespace
         self.sandbox = sandbox
         for number, port in enumerate(PORTS, 1):
-            namespace.add_veth(port, f"far{number}")
-        for address in (AGENT4, COLLECTOR4, COLLECTOR4_B):
-            namespace.ip("addr", "add", f"{address}/32", "dev", "lo")
-        for address in (AGENT6, COLLECTOR6):
-            namespace.ip("addr", "add", f"{address}/128", "dev", "lo", "nodad")
+            namespace.ip_batch(f"link add {port} type veth peer name far{number}", f"link set {port} up",
+                               f"link set far{number} up")
+        namespace.ip_batch(*(f"addr add {address}/32 dev lo" for address in (AGENT4, COLLECTOR4, COLLECTOR4_B)),
+                           *(f"addr add {address}/128 dev lo nodad" for address in (AGENT6, COLLECTOR6)))
         self.daemon = None
         self.service = None
         self._open = []

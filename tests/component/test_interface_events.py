@@ -119,6 +119,7 @@ def test_a_macvlan_goes_with_the_interface_below_it(exporting):
     wait_sections(exporting, {"": BASE, "port1": PORT_LINES})
 
 
+@pytest.mark.devices
 def test_a_subinterface_goes_with_its_port(exporting):
     add_device(exporting.namespace, "link", "port2", "name", "port2.10", "type", "vlan", "id", "10")
     enable_port(exporting, "port2.10")
@@ -315,6 +316,7 @@ def test_a_collectors_own_source_follows_its_interface(exporting):
 
 # ---- Aggregates and VRFs, where the kernel has them ----------------------------------------------------------------
 
+@pytest.mark.devices
 def test_a_port_that_joins_an_aggregate_loses_its_settings(exporting):
     add_device(exporting.namespace, "bond7", "type", "bond", "mode", "802.3ad")
     enable_port(exporting, "bond7")
@@ -332,6 +334,7 @@ def test_a_port_that_joins_an_aggregate_loses_its_settings(exporting):
     wait_sections(exporting, {"": [*BASE, "sflow source interface left0"], "port2": PORT_LINES})
 
 
+@pytest.mark.devices
 def test_a_vrf_that_is_removed_takes_its_collectors_with_it(ready):
     add_device(ready.namespace, "blue", "type", "vrf", "table", "10")
     ready.namespace.ip("link", "set", "blue", "up")
@@ -348,6 +351,7 @@ def test_a_vrf_that_is_removed_takes_its_collectors_with_it(ready):
     assert f"{1:<5}{'NULL':<45}{0:<6}{1400:<5}" in ready.cli("show sflow").output
 
 
+@pytest.mark.devices
 def test_an_out_of_band_collector_follows_the_binding_of_its_interface(stage):
     (stage.sandbox.config / "platform.toml").write_text(
         '[syslog]\ntarget = "stderr"\n[interfaces]\nmanagement = ["port3"]\n')

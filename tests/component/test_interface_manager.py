@@ -262,6 +262,7 @@ def test_changes_that_are_lost_become_exactly_the_events_that_are_missing(namesp
                                     f"7 ipv4 {v0} add 10.0.3.1/24"]
 
 
+@pytest.mark.devices
 def test_vlan_is_a_subinterface(namespace, start_probe):
     namespace.add_veth("v0", "v1")
     add_device(namespace, "link", "v0", "name", "v0.10", "type", "vlan", "id", "10")
@@ -271,6 +272,7 @@ def test_vlan_is_a_subinterface(namespace, start_probe):
     assert (facts["phys"], facts["tcpip"]) == ("0", "1")
 
 
+@pytest.mark.devices
 def test_aggregate_membership(namespace, start_probe):
     namespace.ip("link", "add", "v0", "type", "veth", "peer", "name", "v1")
     add_device(namespace, "bond7", "type", "bond", "mode", "802.3ad")
@@ -286,6 +288,7 @@ def test_aggregate_membership(namespace, start_probe):
     probe.wait(f"event 7 create {v0}", at)
 
 
+@pytest.mark.devices
 def test_aggregate_is_as_fast_as_its_members(namespace, start_probe):
     add_device(namespace, "bond7", "type", "bond", "mode", "balance-rr")
     for number in (0, 1):
@@ -302,6 +305,7 @@ def test_aggregate_is_as_fast_as_its_members(namespace, start_probe):
     wait_for(lambda: probe.facts("bond7.5")["speed"] == "10000/1", "the subinterface")
 
 
+@pytest.mark.devices
 def test_vrf_binding_and_its_end(namespace, start_probe):
     namespace.ip("link", "add", "v0", "type", "veth", "peer", "name", "v1")
     add_device(namespace, "blue", "type", "vrf", "table", "10")
@@ -321,6 +325,7 @@ def test_vrf_binding_and_its_end(namespace, start_probe):
     assert probe.ask("vrf blue") == "none blue"
 
 
+@pytest.mark.devices
 def test_management_vrf_has_its_internal_name(namespace, start_probe):
     add_device(namespace, "mgmt", "type", "vrf", "table", "11")
     mgmt = namespace.ifindex("mgmt")

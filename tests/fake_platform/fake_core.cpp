@@ -65,6 +65,7 @@ constexpr std::string_view FUNCTIONS[] = {
     "lsm_netif_get_first_ip_by_index",
     "lsm_raise_default_event",
     "lsm_reg_msg_handler_ex",
+    "lsm_vrf_bind_socket",
     "lsm_vrf_index2name",
     "lsm_vrf_name2index",
     "rdnd_callback_register",

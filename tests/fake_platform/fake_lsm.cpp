@@ -27,6 +27,7 @@ struct HeldBlock {
 struct Lsm {
     std::map<IFINDEX, Interface> interfaces;
     std::map<int, std::string> vrfs;
+    std::vector<VrfSocket> vrf_sockets;
     std::map<int, Registration> registrations;
     std::vector<std::unique_ptr<HeldBlock>> held;
     lsm_connect_callback_t connect_callback = nullptr;
@@ -211,6 +212,12 @@ void set_vrf(int vrf, const std::string &name)
 {
     const Lock lock = lock_state();
     lsm().vrfs[vrf] = name;
+}
+
+std::vector<VrfSocket> vrf_sockets()
+{
+    const Lock lock = lock_state();
+    return lsm().vrf_sockets;
 }
 
 void remove_vrf(int vrf)
@@ -476,6 +483,19 @@ int lsm_vrf_index2name(int vrf, char *buf, int len)
     const Lock lock = lock_state();
     const auto it = lsm().vrfs.find(vrf);
     return it != lsm().vrfs.end() && copy_text(it->second, buf, len) ? 0 : -1;
+}
+
+int lsm_vrf_bind_socket(int sd, int vrf)
+{
+    {
+        const Lock lock = lock_state();
+        lsm().vrf_sockets.push_back({sd, vrf});
+    }
+    if (const auto result = scripted("lsm_vrf_bind_socket"); result && *result != 0) {
+        errno = ENODEV;
+        return static_cast<int>(*result);
+    }
+    return 0;
 }
 
 const lsm_intfcb_t *lsm_get_intfcb(IFINDEX ifx)

@@ -151,6 +151,14 @@ void remove_interface(IFINDEX ifx);
 /// Names a VRF; LSM_VRF_MGMT_NAME stands for itself.
 void set_vrf(int vrf, const std::string &name);
 void remove_vrf(int vrf);
+
+/// One call of lsm_vrf_bind_socket(), whatever came of it.
+struct VrfSocket {
+    int sd;
+    int vrf;
+    bool operator==(const VrfSocket &) const = default;
+};
+std::vector<VrfSocket> vrf_sockets();
 /// Control blocks handed out and not put back.
 int intfcbs_held();
 

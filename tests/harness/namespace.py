@@ -47,6 +47,13 @@ class Namespace:
             raise RuntimeError(f"{' '.join(command)}: {done.stderr.strip()}")
         return done.stdout
 
+    def ip_batch(self, *lines):
+        """Runs several commands of ip(8) in one process; the first that fails ends it."""
+        command = ["ip", "-n", self.name, "-batch", "-"]
+        done = subprocess.run(command, input="".join(f"{line}\n" for line in lines), capture_output=True, text=True)
+        if done.returncode != 0:
+            raise RuntimeError(f"{lines}: {done.stderr.strip()}")
+
     def ifindex(self, name):
         return int(self.ip("-o", "link", "show", name).split(":")[0])
 

@@ -7,7 +7,7 @@ import time
 
 #: Seconds after which a test gives up. A loaded machine may hold up any process for a long while, and only a test that
 #: fails waits so long.
-PATIENCE = 120
+PATIENCE = int(os.environ.get("SFLOW_TEST_PATIENCE", "120"))
 
 
 def wait_for(condition, what, seconds=PATIENCE, pause=0.02):

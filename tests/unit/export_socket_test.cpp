@@ -16,6 +16,7 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 namespace
 {
@@ -244,6 +245,41 @@ TEST_P(Receiver_bind_socket, refused_options_are_logged_and_tolerated)
     const std::vector<std::string> lines = fake::syslog_texts();
     EXPECT_THAT(lines, Contains(line("set sock opt fail:Operation not permitted")));
     EXPECT_THAT(lines, Contains(line("set sock vrf opt fail:Protocol not available")));
+}
+
+TEST_P(Receiver_bind_socket, vrf_option_that_the_kernel_knows_is_enough)
+{
+    collector().vrf_index = 17;
+    EXPECT_EQ(bind_socket(), 0);
+    EXPECT_THAT(fake::vrf_sockets(), IsEmpty());
+}
+
+TEST_P(Receiver_bind_socket, without_the_vrf_option_the_platform_binds_the_socket_to_the_vrf)
+{
+    collector().vrf_index = 17;
+    fail_call("setsockopt", 2, ENOPROTOOPT);
+    EXPECT_EQ(bind_socket(), 0);
+    EXPECT_THAT(fake::vrf_sockets(), ElementsAre(fake::VrfSocket{1000, 17}));
+}
+
+TEST_P(Receiver_bind_socket, vrf_option_refused_for_another_reason_is_left_at_that)
+{
+    collector().vrf_index = 17;
+    fail_call("setsockopt", 2, EPERM);
+    EXPECT_EQ(bind_socket(), 0);
+    EXPECT_THAT(fake::vrf_sockets(), IsEmpty());
+}
+
+TEST_P(Receiver_bind_socket,
+       socket_that_the_platform_cannot_bind_to_the_vrf_does_not_leak_into_the_default_vrf)
+{
+    collector().vrf_index = 17;
+    fail_call("setsockopt", 2, ENOPROTOOPT);
+    fake::fail_next("lsm_vrf_bind_socket");
+    EXPECT_EQ(bind_socket(), -1);
+    EXPECT_EQ(receiver(CID)->sd, -1);
+    EXPECT_THAT(socket_calls(), Not(Contains(StartsWith("bind "))));
+    EXPECT_THAT(fake::syslog_texts(), Contains(line("bind socket fail:-1, No such device")));
 }
 
 TEST_P(Receiver_bind_socket, prefers_the_collectors_own_address)

@@ -100,6 +100,16 @@ TEST_F(LsmQuery, names_and_indexes)
     EXPECT_EQ(lsm_if_get_index(nullptr), 0u);
 }
 
+TEST_F(LsmQuery, only_a_vrf_can_take_a_socket)
+{
+    for (const int ifx : {3, 8, 99}) {
+        EXPECT_EQ(lsm_vrf_bind_socket(-1, ifx), -1);
+        EXPECT_EQ(errno, ENODEV) << ifx;
+    }
+    EXPECT_EQ(lsm_vrf_bind_socket(-1, 9), -1);
+    EXPECT_EQ(errno, EBADF) << "the kernel has not been asked";
+}
+
 TEST_F(LsmQuery, vrf_names)
 {
     char name[32] = {};
