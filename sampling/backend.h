@@ -72,22 +72,25 @@ struct SamplerSettings {
     }
 };
 
-/// VLAN tag that the kernel holds beside the frame (hardware-accelerated).
+/// VLAN tag that the kernel holds beside the frame (hardware-accelerated), or that a VLAN device takes off and adds.
 struct VlanTag {
     std::uint16_t protocol = 0; ///< EtherType of the tag, host byte order
     std::uint16_t tci = 0;      ///< priority, drop eligibility and VLAN id
+
+    bool operator==(const VlanTag &) const = default;
 };
 
 /// One sampled packet. Everything is borrowed for the duration of the call.
 struct Sample {
     SamplerKey sampler;
     IFINDEX input = 0;                    ///< input interface in sFlow's expanded encoding
-    std::uint32_t frame_len = 0;          ///< bytes of the whole frame: no FCS, `tag` not counted
+    std::uint32_t frame_len = 0;          ///< bytes of the whole frame: no FCS, no tag outside the frame
     std::uint32_t header_len = 0;         ///< the sampler's setting
     std::uint64_t pool = 0;               ///< packets that the sampler could have taken, since it was created
     std::uint64_t drops = 0;              ///< samples of this interface lost on the way, since it is sampled
     std::optional<VlanTag> tag;           ///< to be put back into the header
-    std::span<const std::uint8_t> header; ///< leading bytes of the frame, `tag` not among them
+    std::span<const VlanTag> device_tags; ///< those of the VLAN device that is sampled, in front of `tag`
+    std::span<const std::uint8_t> header; ///< leading bytes of the frame, those tags not among them
 };
 
 /// Takes sampled packets from a backend.

@@ -58,6 +58,8 @@ struct BpfBackend::Sampler {
     };
     std::vector<Seen> seen;
     std::uint64_t pool = 0;
+    std::vector<VlanTag>
+        device_tags; ///< of a VLAN device; what a device adds cannot be changed while it exists
 };
 
 /// The map `counters`, seen without a system call.
@@ -252,6 +254,7 @@ Answer BpfBackend::create(SamplerKey key, SamplerSettings settings)
     sampler->slot = free_slots_.back();
     sampler->generation = next_generation_++;
     sampler->seen.resize(cpus_);
+    sampler->device_tags = links_.device_tags(key.ifindex);
     std::fill_n(counters_->row + std::size_t{sampler->slot} * cpus_, cpus_, sflow_sampler_counters{});
     auto &source = sources_[key.ifindex];
     if (!source)
@@ -337,6 +340,7 @@ bool BpfBackend::take_event(const sflow_sample_event &event)
     sample.drops = sampler->source->drops;
     if (event.vlan_present != 0)
         sample.tag = VlanTag{.protocol = __builtin_bswap16(event.vlan_proto), .tci = event.vlan_tci};
+    sample.device_tags = sampler->device_tags;
     sample.header = {event.header, std::min<std::size_t>(event.header_len, SFLOW_EVENT_HEADER_LEN)};
     return sink_.take(sample);
 }

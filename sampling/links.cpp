@@ -1,10 +1,13 @@
 #include "links.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <array>
 #include <linux/if.h>
 #include <linux/if_arp.h>
+#include <linux/if_ether.h>
 #include <linux/if_link.h>
+#include <linux/if_vlan.h>
 #include <linux/rtnetlink.h>
 #include <netlink/errno.h>
 #include <netlink/msg.h>
@@ -27,6 +30,8 @@ constexpr int socket_buffer_bytes = 8 * 1024 * 1024;
 constexpr std::size_t receive_buffer_bytes = 65536;
 
 // RFC 2863 states as the kernel shows them in IFLA_OPERSTATE.
+/// VLAN devices on top of each other that are followed: one more than the kernel stacks by default.
+constexpr std::size_t most_tags = 8;
 constexpr std::uint8_t oper_unknown = 0;
 constexpr std::uint8_t oper_up = 6;
 
@@ -43,6 +48,27 @@ std::string link_kind(nlattr *link_info)
         info[IFLA_INFO_KIND] == nullptr)
         return {};
     return nla_get_string(info[IFLA_INFO_KIND]);
+}
+
+/// The tag that a VLAN device handles. Without reordering of headers the kernel leaves the tag in the frame.
+std::optional<VlanTag> device_tag(nlattr *link_info)
+{
+    std::array<nlattr *, IFLA_INFO_MAX + 1> info = {};
+    std::array<nlattr *, IFLA_VLAN_MAX + 1> vlan = {};
+    if (link_info == nullptr || nla_parse_nested(info.data(), IFLA_INFO_MAX, link_info, nullptr) < 0 ||
+        info[IFLA_INFO_DATA] == nullptr ||
+        nla_parse_nested(vlan.data(), IFLA_VLAN_MAX, info[IFLA_INFO_DATA], nullptr) < 0 ||
+        vlan[IFLA_VLAN_ID] == nullptr)
+        return std::nullopt;
+    ifla_vlan_flags flags = {.flags = VLAN_FLAG_REORDER_HDR, .mask = 0};
+    if (vlan[IFLA_VLAN_FLAGS] != nullptr)
+        nla_memcpy(&flags, vlan[IFLA_VLAN_FLAGS], sizeof(flags));
+    if ((flags.flags & VLAN_FLAG_REORDER_HDR) == 0)
+        return std::nullopt;
+    const std::uint16_t protocol = vlan[IFLA_VLAN_PROTOCOL] != nullptr
+                                       ? ntohs(nla_get_u16(vlan[IFLA_VLAN_PROTOCOL]))
+                                       : std::uint16_t{ETH_P_8021Q};
+    return VlanTag{.protocol = protocol, .tci = nla_get_u16(vlan[IFLA_VLAN_ID])};
 }
 
 } // namespace
@@ -176,6 +202,10 @@ void LinkTable::take(nl_msg *message)
     if (attributes[IFLA_IFNAME] != nullptr)
         link.name = nla_get_string(attributes[IFLA_IFNAME]);
     link.kind = link_kind(attributes[IFLA_LINKINFO]);
+    link.device_tag = link.kind == "vlan" ? device_tag(attributes[IFLA_LINKINFO]) : std::nullopt;
+    link.parent = attributes[IFLA_LINK] != nullptr && attributes[IFLA_LINK_NETNSID] == nullptr
+                      ? nla_get_u32(attributes[IFLA_LINK])
+                      : 0;
     link.arp_type = info->ifi_type;
     link.flags = info->ifi_flags;
     const std::uint8_t state =
@@ -206,6 +236,17 @@ IFINDEX LinkTable::index_of(const std::string &name) const
     const auto found = std::find_if(links_.begin(), links_.end(),
                                     [&name](const auto &entry) { return entry.second.name == name; });
     return found == links_.end() ? 0 : found->first;
+}
+
+std::vector<VlanTag> LinkTable::device_tags(IFINDEX ifindex) const
+{
+    std::vector<VlanTag> tags;
+    for (auto found = links_.find(ifindex);
+         found != links_.end() && found->second.device_tag && tags.size() < most_tags;
+         found = links_.find(found->second.parent))
+        tags.push_back(*found->second.device_tag);
+    std::reverse(tags.begin(), tags.end());
+    return tags;
 }
 
 bool LinkTable::is_vrf(IFINDEX ifindex) const

@@ -4,14 +4,17 @@
 // on one non-blocking rtnetlink socket on the event loop; does not change any interface.
 #pragma once
 
+#include "backend.h"
 #include "event_loop.h"
 #include "log.h"
 #include "sflow_types.h"
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 struct nl_msg;
 struct nl_sock;
@@ -41,6 +44,9 @@ struct Link {
     std::uint32_t flags = 0;    ///< IFF_*
     bool oper_up = false;       ///< operational state is up, or unknown with a running carrier
     bool promiscuous = false;
+    IFINDEX parent = 0; ///< device below, in this namespace; 0 none
+    std::optional<VlanTag>
+        device_tag; ///< the tag that a VLAN device takes off what it receives and adds to what it sends
 };
 
 /// True when frames of the interface begin with an Ethernet header and pass through its hooks.
@@ -66,6 +72,10 @@ public:
     [[nodiscard]] IFINDEX index_of(const std::string &name) const;
     /// True when the index names a VRF device: the kernel shows it as the input of what its members received.
     [[nodiscard]] bool is_vrf(IFINDEX ifindex) const;
+
+    /// Tags that the VLAN device, and the VLAN devices below it, take off and add: the outermost, which is the lowest
+    /// device's, in front. Their priority is 0: it is decided for each packet. Empty for other interfaces.
+    [[nodiscard]] std::vector<VlanTag> device_tags(IFINDEX ifindex) const;
 
     /// Called for each interface that has gone, in a later round of the event loop than its leaving the table.
     void on_removal(std::function<void(IFINDEX)> handler) { removed_ = std::move(handler); }

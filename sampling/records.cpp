@@ -55,28 +55,37 @@ VlanFields vlan_of(std::span<const std::uint8_t> frame)
     return {.id = tci & 0xFFF, .priority = tci >> 13};
 }
 
-/// Copies `header` into `out` with the tag back in its place; returns the bytes written.
+std::array<std::uint8_t, tag_bytes> bytes_of(VlanTag tag)
+{
+    return {static_cast<std::uint8_t>(tag.protocol >> 8), static_cast<std::uint8_t>(tag.protocol & 0xFF),
+            static_cast<std::uint8_t>(tag.tci >> 8), static_cast<std::uint8_t>(tag.tci & 0xFF)};
+}
+
+/// Bytes of the tags that are not in the frame.
+std::uint32_t bytes_of_tags(const Sample &sample)
+{
+    return static_cast<std::uint32_t>(tag_bytes * (sample.device_tags.size() + (sample.tag ? 1 : 0)));
+}
+
+/// Copies `header` into `out` with the tags back in their place; returns the bytes written.
 std::size_t copy_header(const Sample &sample, std::span<std::uint8_t> out)
 {
     const std::span<const std::uint8_t> header = sample.header;
-    if (!sample.tag || header.size() < mac_addresses_bytes) {
-        const std::size_t size = std::min(header.size(), out.size());
-        std::copy_n(header.begin(), size, out.begin());
-        return size;
-    }
-    const VlanTag tag = *sample.tag;
-    const std::array<std::uint8_t, tag_bytes> inserted = {
-        static_cast<std::uint8_t>(tag.protocol >> 8), static_cast<std::uint8_t>(tag.protocol & 0xFF),
-        static_cast<std::uint8_t>(tag.tci >> 8), static_cast<std::uint8_t>(tag.tci & 0xFF)};
     std::size_t size = 0;
     const auto append = [&](std::span<const std::uint8_t> part) {
         const std::size_t count = std::min(part.size(), out.size() - size);
         std::copy_n(part.begin(), count, out.begin() + static_cast<std::ptrdiff_t>(size));
         size += count;
     };
-    append(header.first(mac_addresses_bytes));
-    append(inserted);
-    append(header.subspan(mac_addresses_bytes));
+    const std::size_t addresses = std::min<std::size_t>(header.size(), mac_addresses_bytes);
+    append(header.first(addresses));
+    if (addresses == mac_addresses_bytes) {
+        for (const VlanTag tag : sample.device_tags)
+            append(bytes_of(tag));
+        if (sample.tag)
+            append(bytes_of(*sample.tag));
+    }
+    append(header.subspan(addresses));
     return size;
 }
 
@@ -121,7 +130,7 @@ void encode_sample(const Sample &sample, sflow_flow_spl_t &record)
     info.source_id = sample.sampler.ifindex;
     info.sample_pool = low_word(sample.pool);
     info.drops_num = low_word(sample.drops);
-    info.frame_len = sample.frame_len + fcs_bytes + (sample.tag ? std::uint32_t{tag_bytes} : 0U);
+    info.frame_len = sample.frame_len + fcs_bytes + bytes_of_tags(sample);
     info.strip_len = fcs_bytes;
     info.ingress_ifx = sample.input;
     const VlanFields vlan = vlan_of(std::span(record.buf).first(size));

@@ -63,7 +63,7 @@ requires std::is_trivially_copyable_v<Record>
 /// Bytes of the frame check sequence that Linux does not show: counted in `frame_len`, named in `strip_len`.
 constexpr std::uint32_t fcs_bytes = 4;
 
-/// Fills the record of one sampled packet. The accelerated tag is put back behind the MAC addresses; the header is
+/// Fills the record of one sampled packet. The tags beside the frame are put back behind the MAC addresses; the header is
 /// then cut to the sampler's length. Bytes of `buf` behind `buf_len` keep what they had.
 void encode_sample(const Sample &sample, sflow_flow_spl_t &record);
 

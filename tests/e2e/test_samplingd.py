@@ -288,7 +288,7 @@ def add_link(namespace, *words):
         pytest.skip(f"this kernel has no such interface: ip link add {' '.join(map(str, words))}: {made.stderr.strip()}")
 
 
-@pytest.mark.parametrize("vrf", [False, True], ids=["plain", "vrf"])
+@pytest.mark.parametrize("vrf", [False, pytest.param(True, marks=pytest.mark.devices)], ids=["plain", "vrf"])
 def test_a_routed_packet_keeps_its_input_on_egress(stand, vrf):
     if vrf:
         add_link(stand.near, "red", "type", "vrf", "table", "10")
@@ -315,8 +315,13 @@ def test_a_routed_packet_keeps_its_input_on_egress(stand, vrf):
     assert {(flow.info.ingress_ifx, flow.info.egress_ifx) for flow in stand.daemon.flows()} == {(expected, out)}
 
 
+def tag_of(protocol, vlan):
+    return struct.pack("!HH", protocol, vlan)
+
+
 @pytest.mark.parametrize("direction, setting", PLACES)
-def test_a_vlan_device_is_sampled_without_its_tag(stand, direction, setting):
+@pytest.mark.devices
+def test_a_vlan_device_shows_the_tag_that_it_takes_off_and_adds(stand, direction, setting):
     add_link(stand.near, "link", "port1", "name", "port1.100", "type", "vlan", "id", "100")
     stand.near.ip("link", "set", "port1.100", "up")
     index = stand.near.ifindex("port1.100")
@@ -329,11 +334,65 @@ def test_a_vlan_device_is_sampled_without_its_tag(stand, direction, setting):
     assert stand.daemon.settled(50) == 50
     for flow in stand.daemon.flows():
         assert flow.info.source_id == index
-        assert flow.header[12:14] in (b"\x08\x00", b"\x86\xdd")
-        assert flow.info.frame_len == 200
-        assert flow.info[-4:] == (0, 0, 0, 0)
+        assert flow.header[12:16] == tag_of(0x8100, 100)
+        assert flow.header[16:18] in (b"\x08\x00", b"\x86\xdd")
+        assert flow.info.frame_len == 204
+        assert flow.info[-4:] == ((100, 0, 0, 0) if direction == INGRESS else (0, 0, 100, 0))
 
 
+@pytest.mark.devices
+@pytest.mark.parametrize("direction, setting", PLACES)
+def test_a_vlan_device_on_another_one_shows_both_tags(stand, direction, setting):
+    add_link(stand.near, "link", "port1", "name", "outer", "type", "vlan", "protocol", "802.1ad", "id", "200")
+    add_link(stand.near, "link", "outer", "name", "inner", "type", "vlan", "id", "100")
+    stand.near.ip_batch("link set outer up", "link set inner up")
+    add_link(stand.far, "link", "eth0", "name", "outer", "type", "vlan", "protocol", "802.1ad", "id", "200")
+    add_link(stand.far, "link", "outer", "name", "inner", "type", "vlan", "id", "100")
+    stand.far.ip_batch("link set outer up", "link set inner up")
+    stand.start()
+    assert stand.daemon.set_rate(stand.near.ifindex("inner"), 1, direction, ifx_type=3, **setting).ret == 0
+    sender = stand.far if direction == INGRESS else stand.near
+    sender.run(BIN / "pktgen", "--interface", "inner", "--count", 20, "--size-range", "196-196")
+    assert stand.daemon.settled(20) == 20
+    for flow in stand.daemon.flows():
+        assert flow.header[12:20] == tag_of(0x88A8, 200) + tag_of(0x8100, 100)
+        assert flow.info.frame_len == 208
+        assert flow.info[-4:] == ((200, 0, 0, 0) if direction == INGRESS else (0, 0, 200, 0))
+
+
+@pytest.mark.devices
+@pytest.mark.parametrize("kind, direction, setting", [
+    ("bond", INGRESS, {}), ("bond", EGRESS, {}), ("bond", INGRESS, SNOOP),
+    ("team", INGRESS, {})],     # it sends nothing until its daemon has chosen a mode
+    ids=["bond-ingress", "bond-egress", "bond-snoop", "team-ingress"])
+def test_an_aggregate_and_a_vlan_device_on_it_are_sampled(stand, kind, direction, setting):
+    add_link(stand.near, "lag1", "type", kind, *(["mode", "active-backup"] if kind == "bond" else []))
+    stand.near.ip_batch("link set port1 down", "link set port1 master lag1", "link set port1 up", "link set lag1 up",
+                        "link add link lag1 name lag1.100 type vlan id 100", "link set lag1.100 up")
+    if kind == "bond":
+        wait_for(lambda: "state UP" in stand.near.ip("link", "show", "lag1"), "the aggregate")
+    lag, vlan = stand.near.ifindex("lag1"), stand.near.ifindex("lag1.100")
+    stand.start()
+    for index, ifx_type in ((lag, 2), (vlan, 3)):
+        assert stand.daemon.set_rate(index, 1, direction, ifx_type=ifx_type, **setting).ret == 0
+    if direction == INGRESS:
+        stand.generate(30, vlan="100", size_range="200-200")
+    else:
+        stand.near.run(BIN / "pktgen", "--interface", "lag1.100", "--count", 30, "--size-range", "196-196")
+
+    def tagged(index):      # what the kernel itself sends is not
+        return [flow for flow in stand.daemon.flows()
+                if flow.info.source_id == index and flow.header[12:16] == tag_of(0x8100, 100)]
+
+    wait_for(lambda: len(tagged(lag)) >= 30 and len(tagged(vlan)) >= 30, "the samples of both")
+    for index in (lag, vlan):
+        flows = tagged(index)
+        assert len(flows) == 30
+        assert {flow.info.frame_len for flow in flows} == {204}
+        assert {flow.info[-4:] for flow in flows} == {(100, 0, 0, 0) if direction == INGRESS else (0, 0, 100, 0)}
+
+
+@pytest.mark.devices
 def test_an_aggregate_and_its_member_are_sampled_each_on_its_own(stand):
     add_link(stand.near, "bond0", "type", "bond", "mode", "active-backup")
     stand.near.ip("link", "set", "port1", "down")

@@ -3,11 +3,14 @@
 #include "links.h"
 #include "sampling_fakes.h"
 
+#include <arpa/inet.h>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/if.h>
 #include <linux/if_arp.h>
+#include <linux/if_ether.h>
+#include <linux/if_vlan.h>
 #include <linux/rtnetlink.h>
 #include <netlink/msg.h>
 
@@ -112,6 +115,73 @@ TEST(LinkTable_take, keeps_what_a_notice_tells)
     EXPECT_EQ(links.table.index_of("renamed"), made_up);
     EXPECT_FALSE(links.table.find(made_up)->oper_up);
     EXPECT_FALSE(links.table.find(made_up)->promiscuous);
+}
+
+/// A notice of a VLAN device above `parent`. Protocol 0: the kernel does not say; no flags: it does not either.
+NlMsg vlan_message(IFINDEX index, IFINDEX parent, std::uint16_t id, std::uint16_t protocol,
+                   std::optional<std::uint32_t> flags, bool elsewhere = false)
+{
+    NlMsg message(nlmsg_alloc_simple(RTM_NEWLINK, 0));
+    ifinfomsg info = {};
+    info.ifi_index = static_cast<int>(index);
+    info.ifi_type = ARPHRD_ETHER;
+    nlmsg_append(message.get(), &info, sizeof(info), NLMSG_ALIGNTO);
+    nla_put_u32(message.get(), IFLA_LINK, parent);
+    if (elsewhere)
+        nla_put_s32(message.get(), IFLA_LINK_NETNSID, 1);
+    nlattr *const link_info = nla_nest_start(message.get(), IFLA_LINKINFO);
+    nla_put_string(message.get(), IFLA_INFO_KIND, "vlan");
+    nlattr *const data = nla_nest_start(message.get(), IFLA_INFO_DATA);
+    nla_put_u16(message.get(), IFLA_VLAN_ID, id);
+    if (protocol != 0)
+        nla_put_u16(message.get(), IFLA_VLAN_PROTOCOL, htons(protocol));
+    if (flags) {
+        const ifla_vlan_flags value = {.flags = *flags, .mask = ~0U};
+        nla_put(message.get(), IFLA_VLAN_FLAGS, sizeof(value), &value);
+    }
+    nla_nest_end(message.get(), data);
+    nla_nest_end(message.get(), link_info);
+    return message;
+}
+
+TEST(LinkTable_device_tags, are_those_of_the_vlan_devices_the_lowest_one_in_front)
+{
+    constexpr IFINDEX lower = made_up + 1;
+    constexpr IFINDEX upper = made_up + 2;
+    Links links;
+    links.take({}); // the port
+    links.table.take(vlan_message(lower, made_up, 200, ETH_P_8021AD, VLAN_FLAG_REORDER_HDR).get());
+    links.table.take(vlan_message(upper, lower, 100, 0, std::nullopt).get());
+    const VlanTag outer = {.protocol = ETH_P_8021AD, .tci = 200};
+    const VlanTag inner = {.protocol = ETH_P_8021Q, .tci = 100};
+    EXPECT_THAT(links.table.device_tags(made_up), IsEmpty());
+    EXPECT_THAT(links.table.device_tags(lower), ElementsAre(outer));
+    EXPECT_THAT(links.table.device_tags(upper), ElementsAre(outer, inner));
+    EXPECT_THAT(links.table.device_tags(made_up + 3), IsEmpty());
+}
+
+TEST(LinkTable_device_tags, do_not_reach_into_another_namespace)
+{
+    constexpr IFINDEX lower = made_up + 1;
+    constexpr IFINDEX upper = made_up + 2;
+    Links links;
+    links.table.take(vlan_message(lower, made_up, 200, ETH_P_8021Q, VLAN_FLAG_REORDER_HDR).get());
+    links.table.take(vlan_message(upper, lower, 100, ETH_P_8021Q, VLAN_FLAG_REORDER_HDR, true).get());
+    EXPECT_THAT(links.table.device_tags(upper), ElementsAre(VlanTag{.protocol = ETH_P_8021Q, .tci = 100}));
+}
+
+TEST(LinkTable_device_tags, are_left_out_where_the_kernel_leaves_them_in_the_frame)
+{
+    Links links;
+    links.table.take(vlan_message(made_up, 1, 100, ETH_P_8021Q, 0).get());
+    EXPECT_THAT(links.table.device_tags(made_up), IsEmpty());
+}
+
+TEST(LinkTable_device_tags, of_devices_that_form_a_circle_come_to_an_end)
+{
+    Links links;
+    links.table.take(vlan_message(made_up, made_up, 100, ETH_P_8021Q, VLAN_FLAG_REORDER_HDR).get());
+    EXPECT_EQ(links.table.device_tags(made_up).size(), 8U);
 }
 
 TEST(LinkTable_take, an_unknown_operational_state_is_up_with_a_running_carrier)

@@ -146,6 +146,24 @@ TEST(Records_encode_sample, accelerated_tag_is_put_back_behind_the_addresses)
     EXPECT_EQ(record.info.dest_prority, 0U);
 }
 
+TEST(Records_encode_sample, tags_of_a_vlan_device_stand_in_front_of_the_frames_own)
+{
+    const std::vector<std::uint8_t> frame = untagged_frame(60);
+    const VlanTag devices[] = {{.protocol = 0x88A8, .tci = 200}, {.protocol = 0x8100, .tci = 100}};
+    Sample sample = sample_of(frame, Hook::egress);
+    sample.device_tags = devices;
+    sample.tag = VlanTag{.protocol = 0x8100, .tci = 7};
+    sflow_flow_spl_t record = {};
+    encode_sample(sample, record);
+    ASSERT_EQ(record.buf_len, 72);
+    EXPECT_TRUE(std::equal(frame.begin(), frame.begin() + 12, record.buf));
+    EXPECT_THAT(std::vector<int>(record.buf + 12, record.buf + 24),
+                ElementsAre(0x88, 0xA8, 0, 200, 0x81, 0x00, 0, 100, 0x81, 0x00, 0, 7));
+    EXPECT_TRUE(std::equal(frame.begin() + 12, frame.end(), record.buf + 24));
+    EXPECT_EQ(record.info.frame_len, 1016U);
+    EXPECT_EQ(record.info.dest_vlan, 200U);
+}
+
 TEST(Records_encode_sample, header_with_tag_is_cut_to_the_samplers_length)
 {
     const std::vector<std::uint8_t> frame = untagged_frame(256);
