@@ -189,6 +189,17 @@ void Console::call(cli_session_t &command, const Outcome &outcome, const Interpr
         core_.mark_changed();
 }
 
+std::string Console::withheld_text() const
+{
+    if (mode_ == Mode::ifrange)
+        return "% The interfaces of the range: the command is not available there\n";
+    const u_int32_t kinds = mode_ == Mode::interface ? lsm_if_get_kind_mask(ifindex_) : 0;
+    if (kinds == 0)
+        return {}; // another mode, or the interface has gone
+    return "% Interface " + ifname_ + " (" + std::string(interface_type_word(kinds)) +
+           "): the command is not available there\n";
+}
+
 void Console::run(std::string_view line, std::optional<std::size_t> indent, cli_session_t::Sink sink,
                   cli_session_t::Done done)
 {
@@ -198,6 +209,8 @@ void Console::run(std::string_view line, std::optional<std::size_t> indent, cli_
     Outcome outcome = interpreter.interpret(line, place());
     if (outcome.kind != Outcome::Kind::run) {
         sink(format_error(outcome, line, indent));
+        if (outcome.withheld)
+            sink(withheld_text());
         done(outcome.kind == Outcome::Kind::empty ? Status::ok : Status::refused);
         return;
     }

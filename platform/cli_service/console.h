@@ -81,6 +81,8 @@ private:
     bool refused_as_passive(cli_session_t &command, const Outcome &outcome);
     void call(cli_session_t &command, const Outcome &outcome, const Interpreter &interpreter);
     void call_for_range(cli_session_t &command, const Interpreter &interpreter);
+    /// Why a command that exists is refused here.
+    [[nodiscard]] std::string withheld_text() const;
 
     Core &core_;
     std::string owner_;

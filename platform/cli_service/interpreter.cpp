@@ -81,9 +81,9 @@ Interpreter::Request Interpreter::read(std::string_view line, const Place &place
     return request;
 }
 
-Outcome Interpreter::in_mode(const Request &request, Mode mode, const Place &place) const
+Outcome Interpreter::in_mode(const Request &request, Mode mode, const Place &place, Guards guards) const
 {
-    Matcher matcher(grammar_, interfaces_, place.level);
+    Matcher matcher(grammar_, interfaces_, place.level, guards);
     const Match match =
         matcher.match(mode_root(mode), start_record(mode, place, request.negated), request.words);
     Outcome outcome;
@@ -119,6 +119,8 @@ Outcome Interpreter::interpret(std::string_view line, const Place &place) const
         const Outcome global = in_mode(request, Mode::config, place);
         if (global.kind == Outcome::Kind::run || reach(global) > reach(outcome))
             outcome = global;
+        outcome.withheld = outcome.kind == Outcome::Kind::invalid &&
+                           in_mode(request, place.mode, place, Guards::passed).kind == Outcome::Kind::run;
     }
     if (outcome.kind == Outcome::Kind::run && request.bar) {
         const std::string_view text = line.substr(*request.bar + 1);

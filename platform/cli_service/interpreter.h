@@ -35,6 +35,8 @@ struct Outcome {
     cli_handler_t handler = nullptr;
     struct_command_data_block record{}; ///< run: ready for the handler but for its session
     std::optional<Modifier> modifier;
+    /// invalid, typed in an interface mode: it is a command, but not on offer for this interface or range.
+    bool withheld = false;
 };
 
 class Interpreter
@@ -59,7 +61,8 @@ private:
     struct Request;
 
     [[nodiscard]] Request read(std::string_view line, const Place &place) const;
-    [[nodiscard]] Outcome in_mode(const Request &request, Mode mode, const Place &place) const;
+    [[nodiscard]] Outcome in_mode(const Request &request, Mode mode, const Place &place,
+                                  Guards guards = Guards::asked) const;
     [[nodiscard]] std::vector<Choice> choices_at(std::string_view text, const Place &place,
                                                  std::string_view &partial) const;
 

@@ -127,7 +127,8 @@ int Matcher::set(record_t &record, const transition_t &t, const struct_set_cdb_v
 
 int Matcher::test(record_t &record, const transition_t & /*t*/, const struct_test_expression &node)
 {
-    return go_on(node.ptestfun(&record) != 0 ? node.ptrue : node.pfalse, nullptr);
+    const bool holds = guards_ == Guards::passed || node.ptestfun(&record) != 0;
+    return go_on(holds ? node.ptrue : node.pfalse, nullptr);
 }
 
 int Matcher::c2p(record_t & /*record*/, const transition_t &t, const struct_c2p & /*node*/)

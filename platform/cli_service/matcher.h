@@ -21,6 +21,10 @@ namespace cli
 
 enum class Level { user, privileged };
 
+/// Test nodes decide what is on offer where a line is typed. `passed`: as if all of them held, to tell a command that
+/// is withheld from one that does not exist.
+enum class Guards { asked, passed };
+
 /// The interfaces, and other things, that lines may name. Every member must be set.
 struct InterfaceDirectory {
     std::function<u_int32_t(std::string_view name)> index_of; ///< 0: no such interface
@@ -52,8 +56,9 @@ struct Choice {
 class Matcher final : public cli_parser_t
 {
 public:
-    Matcher(const Grammar &grammar, const InterfaceDirectory &interfaces, Level level)
-        : grammar_(grammar), interfaces_(interfaces), level_(level)
+    Matcher(const Grammar &grammar, const InterfaceDirectory &interfaces, Level level,
+            Guards guards = Guards::asked)
+        : grammar_(grammar), interfaces_(interfaces), level_(level), guards_(guards)
     {
     }
 
@@ -115,6 +120,7 @@ private:
     const Grammar &grammar_;
     const InterfaceDirectory &interfaces_;
     Level level_;
+    Guards guards_;
 
     std::deque<record_t> records_; ///< a deque: actions hold references while records are added
     std::vector<Position> positions_;

@@ -22,6 +22,9 @@ void show_one_interface(struct_command_data_block *record);
 void show_debugging(struct_command_data_block *record);
 void show_version(struct_command_data_block *record);
 
+/// The word for an interface's type, given its kinds (lsm_if_get_kind_mask), in show commands and messages.
+[[nodiscard]] std::string_view interface_type_word(u_int32_t kinds);
+
 // In own_tech.cpp; the record's string_var[0] is the name or path of the file.
 void show_tech_support(struct_command_data_block *record);
 void show_tech_support_file(struct_command_data_block *record);

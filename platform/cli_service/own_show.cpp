@@ -21,30 +21,6 @@ cli_session_t &command_of(const struct_command_data_block *record)
     return *record->session;
 }
 
-std::string_view type_word(const lsm_if_record_t &interface)
-{
-    if (interface.subinterface)
-        return "vlan";
-    switch (interface.type) {
-    case LSM_IF_TYPE_ETHERNET:
-        return "ethernet";
-    case LSM_IF_TYPE_VIRTUAL_ETHERNET:
-        return "virtual";
-    case LSM_IF_TYPE_AGGREGATE:
-        return "aggregate";
-    case LSM_IF_TYPE_BRIDGE:
-        return "bridge";
-    case LSM_IF_TYPE_LOOPBACK:
-        return "loopback";
-    case LSM_IF_TYPE_VRF:
-        return "vrf";
-    case LSM_IF_TYPE_TUNNEL:
-        return "tunnel";
-    default:
-        return "other";
-    }
-}
-
 std::string address_text(const lsm_if_addr_t &address)
 {
     std::array<char, INET6_ADDRSTRLEN> text{};
@@ -108,7 +84,8 @@ std::string describe(const lsm_if_record_t &interface)
 {
     std::string text = interface.name + " is " + (interface.admin_up ? "up" : "administratively down") +
                        ", line protocol is " + (interface.oper_up ? "up" : "down") + "\n";
-    text += "  Index " + std::to_string(interface.ifx) + ", type " + std::string(type_word(interface));
+    text += "  Index " + std::to_string(interface.ifx) + ", type " +
+            std::string(interface_type_word(interface.kind));
     if (interface.subinterface)
         text += " of " + name_of(interface.main_index);
     text += ", address " + hardware_address(interface.mac) + "\n";
@@ -145,6 +122,28 @@ void write_config_text(const struct_command_data_block *record, bool all)
 }
 
 } // namespace
+
+std::string_view interface_type_word(u_int32_t kinds)
+{
+    struct Word {
+        u_int32_t kind;
+        std::string_view text;
+    };
+    static constexpr Word WORDS[] = {
+        {LSM_IF_KIND_SUBINTERFACE, "vlan"},
+        {LSM_IF_KIND_PORT, "ethernet"},
+        {LSM_IF_KIND_VIRTUAL_PORT, "virtual"},
+        {LSM_IF_KIND_AGGREGATE, "aggregate"},
+        {LSM_IF_KIND_BRIDGE, "bridge"},
+        {LSM_IF_KIND_LOOPBACK, "loopback"},
+        {LSM_IF_KIND_VRF, "vrf"},
+        {LSM_IF_KIND_TUNNEL, "tunnel"},
+    };
+    for (const Word &word : WORDS)
+        if ((kinds & word.kind) != 0)
+            return word.text;
+    return "other";
+}
 
 void show_running_config(struct_command_data_block *record)
 {
@@ -191,7 +190,7 @@ void show_interfaces_brief(struct_command_data_block *record)
         if (offered(interface))
             command.write(brief_row(interface.name, interface.admin_up ? "up" : "down",
                                     interface.oper_up ? "up" : "down", speed_text(interface),
-                                    type_word(interface),
+                                    interface_type_word(interface.kind),
                                     interface.addrs.empty() ? "" : address_text(interface.addrs.front())));
 }
 

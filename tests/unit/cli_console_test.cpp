@@ -265,6 +265,45 @@ TEST_F(ReadyConsoleTest, range_matches_with_the_kinds_of_all_members)
     EXPECT_EQ(answer.text, "% Interface bond0: the command is not available there\n");
 }
 
+TEST_F(ReadyConsoleTest, command_that_an_interface_does_not_offer_is_told_from_one_that_does_not_exist)
+{
+    static constexpr auto predicate = [](struct_command_data_block *record) {
+        return record->mode_intidx == 2 ? 1 : 0;
+    };
+    static constexpr auto handler = [](struct_command_data_block * /*record*/) {};
+    static constexpr struct_common_keyword word{"guarded", "guarded", 1, 14, 14, 1, 2, 0, 0};
+    static constexpr struct_eol end{1, handler, 0};
+    static constexpr struct_transtion at_end{eol_action, &end, nullptr, nullptr};
+    static constexpr struct_transtion keyword{common_keyword_action, &word, &at_end, nullptr};
+    static constexpr struct_test_expression test{&keyword, nullptr, predicate};
+    static constexpr struct_transtion guard{test_expression_action, &test, nullptr, nullptr};
+    static constexpr struct_transtion top{append_point_action, nullptr, &guard, nullptr};
+    ASSERT_TRUE(core_.add(PARSE_ADD_INTERFACE_CMD, &top, "guarded"));
+    const std::string invalid = "guarded\n^\n% Invalid input detected at '^' marker.\n";
+    const struct {
+        const char *enter;
+        const char *line;
+        std::string answer;
+    } rows[] = {
+        {"interface eth0", "guarded", ""},
+        {"interface bond0", "guarded",
+         invalid + "% Interface bond0 (aggregate): the command is not available there\n"},
+        {"interface bond0", "no guarded",
+         "no guarded\n   ^\n% Invalid input detected at '^' marker.\n"
+         "% Interface bond0 (aggregate): the command is not available there\n"},
+        {"interface range bond0", "guarded",
+         invalid + "% The interfaces of the range: the command is not available there\n"},
+        {"interface bond0", "nosuch", "nosuch\n^\n% Invalid input detected at '^' marker.\n"},
+        {"exit", "guarded", invalid},
+    };
+    expect_ok(console_, {"conf t"});
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.enter) + "; " + row.line);
+        expect_ok(console_, {row.enter});
+        EXPECT_EQ(run(console_, row.line).text, row.answer);
+    }
+}
+
 TEST_F(ReadyConsoleTest, range_goes_on_without_a_member_that_has_gone)
 {
     expect_ok(console_, {"conf t", "interface range eth0 eth1"});
