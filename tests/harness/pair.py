@@ -197,9 +197,9 @@ class Pair:
         self.plane = Plane()
         self.units = []
         self.watch = None
-        self.cluster = Cluster(third_vote, token=1000 if prompt else 12_000)
+        self.cluster = Cluster(third_vote, token=1000 if prompt else 8000)
         try:
-            self.units = [Unit(node, self.plane, 1500 if prompt else 20_000) for node in self.cluster.nodes]
+            self.units = [Unit(node, self.plane, 1500 if prompt else 12_000) for node in self.cluster.nodes]
             assert self.units[0].index == self.units[1].index, "the units must know the ports by the same indexes"
         except BaseException:
             self.close()
