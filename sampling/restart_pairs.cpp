@@ -18,6 +18,7 @@ RestartPairs::Decision RestartPairs::arrived(SamplerKey key, const sflow_spl_t &
         if (course.list_answer || decision.first)
             course = Course{};
         (of_list ? course.list_stopped : course.plain_stopped) = true;
+        course.list_stopped_last = of_list;
         course.since = now;
         return decision;
     }
@@ -38,6 +39,10 @@ RestartPairs::Decision RestartPairs::arrived(SamplerKey key, const sflow_spl_t &
         const Answer answer = *course.list_answer;
         courses_.erase(found);
         return {.action = answer == Answer::ok ? Action::carry_out : Action::refuse, .refusal = answer};
+    }
+    if (!course.list_stopped_last) {
+        courses_.erase(found);
+        return {};
     }
     course.since = now;
     return {.action = Action::hold, .first = std::exchange(course.held, setting)};

@@ -5,8 +5,9 @@
 // by itself, the start of the empty place asks for all traffic of an interface that is limited to the list in the other
 // place. It means nothing of the kind: here it shares the fate of the start of the list.
 // - The list comes first: if it is refused, so is the plain start.
-// - The plain start comes first: it waits, unanswered, for the list. Should none come, it meant what it said after all,
-//   and is carried out after `patience`.
+// - The plain start comes first, as its stop did: it waits, unanswered, for the list. Should none come, it meant what it
+//   said after all, and is carried out after `patience`. Where the list was stopped first, nothing is waited for: an
+//   operator has taken away a list, then all sampling, and now wants it plain.
 //
 // Pure bookkeeping on the thread of the event loop; never carries out anything itself.
 #pragma once
@@ -59,6 +60,7 @@ private:
     struct Course {
         bool plain_stopped = false;
         bool list_stopped = false;
+        bool list_stopped_last = false;
         std::optional<Answer> list_answer; ///< to its start
         std::optional<sflow_spl_t> held;
         Clock::time_point since; ///< of the latest of these

@@ -99,6 +99,14 @@ TEST(RestartPairs_arrived, starts_speak_for_themselves_unless_a_list_and_an_empt
     }
 }
 
+TEST(RestartPairs_arrived, a_plain_start_first_waits_only_when_its_stop_came_first)
+{
+    Pairs p;
+    p.stops(7, none);
+    EXPECT_EQ(p.arrived(16, none).action, Action::carry_out);
+    EXPECT_TRUE(p.pairs.idle());
+}
+
 TEST(RestartPairs_arrived, two_lists_restart_without_an_empty_place)
 {
     Pairs p;
@@ -112,7 +120,7 @@ TEST(RestartPairs_arrived, two_lists_restart_without_an_empty_place)
 TEST(RestartPairs_arrived, each_sampler_has_a_course_of_its_own)
 {
     Pairs p;
-    p.stops(7, none);
+    p.stops(none, 7);
     const SamplerKey other = {.ifindex = 6, .hook = Hook::ingress};
     EXPECT_EQ(p.pairs.arrived(other, Pairs::setting_of(16, none), p.now).action, Action::carry_out);
     EXPECT_EQ(p.arrived(16, none).action, Action::hold);
