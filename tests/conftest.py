@@ -9,6 +9,7 @@ from harness.daemon import BIN, Sandbox
 
 
 def pytest_collection_modifyitems(items):
+    items.sort(key=lambda item: item.get_closest_marker("long") is not None)    # stable: otherwise as collected
     reason = namespaces.available()
     if reason:
         for item in items:

@@ -8,7 +8,7 @@ from harness.addresses import COLLECTOR4, COLLECTOR4_B
 from harness.devices import add_device
 from test_interface_changes import Changes, Model, prepared     # pylint: disable=unused-import
 
-pytestmark = pytest.mark.devices
+pytestmark = [pytest.mark.devices, pytest.mark.long]
 
 #: Seeds of the sequences: the first, and how many. Each sequence goes on where the one before it has ended.
 FIRST = int(os.environ.get("SFLOW_TEST_SEED", "1"))

@@ -88,9 +88,10 @@ class Vrfs:
         self.stage = stage
         for number, name in enumerate(("red", "blue", "mgmt"), 10):
             add_device(stage.namespace, name, "type", "vrf", "table", number)
-            # Without it, a look-up that finds nothing in the VRF goes on in the default one.
-            stage.namespace.ip_batch(f"link set {name} up", f"route add unreachable default metric 4278198272 vrf {name}",
-                                     f"route add unreachable ::/0 metric 4278198272 vrf {name}")
+            # Without them, a look-up that finds nothing in the VRF goes on in the default one.
+            stage.namespace.ip_batch(f"link set {name} up",
+                                     *(f"route add unreachable {everything} metric 4278198272 vrf {name}"
+                                       for everything in ("0.0.0.0/0", "::/0")))
         self.networks = {name: Network(stage.namespace, name, make_namespace(name)) for name in ("default", "red", "blue", "mgmt")}
 
     def start(self):
