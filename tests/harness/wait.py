@@ -27,8 +27,12 @@ def wait_for(condition, what, seconds=PATIENCE, pause=0.02):
 
 def _halted(pid):
     """Whether every thread of a process stands still; the signal alone takes a while."""
-    states = [path.read_text().rpartition(")")[2].split()[0] for path in pathlib.Path(f"/proc/{pid}/task").glob("*/stat")]
-    return set(states) == {"T"}
+    try:
+        states = {path.read_text().rpartition(")")[2].split()[0]
+                  for path in pathlib.Path(f"/proc/{pid}/task").glob("*/stat")}
+    except (FileNotFoundError, ProcessLookupError):
+        return False    # one has just ended
+    return states == {"T"}
 
 
 @contextlib.contextmanager

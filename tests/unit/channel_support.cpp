@@ -22,7 +22,7 @@ namespace channel
 namespace
 {
 
-constexpr auto PATIENCE = 10s;
+constexpr auto PATIENCE = 120s;
 
 struct State {
     std::mutex mutex;

@@ -196,7 +196,7 @@ TEST_F(Poller_counter_msg_enqueue, wakes_the_dispatcher)
     // The producer cannot get in before this thread waits, so that only the signal or the deadline ends the wait.
     timespec deadline = {};
     clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 20;
+    deadline.tv_sec += 120;
     sflow_msg_lock();
     std::thread producer([] {
         const sflow_counter_ret_t ret = {};
