@@ -47,7 +47,10 @@ def prepared(name):
         if not (folder / "boot/order").exists():
             with tempfile.TemporaryDirectory(dir=folder.parent, prefix=f"{name}-") as scratch:
                 fresh = pathlib.Path(scratch) / "kernel"
-                _prepare(PACKAGES[name], pathlib.Path(scratch), fresh)
+                try:
+                    _prepare(PACKAGES[name], pathlib.Path(scratch), fresh)
+                except (OSError, StopIteration, lzma.LZMAError, subprocess.SubprocessError) as error:
+                    raise Unavailable(f"{PACKAGES[name]} cannot be made a guest's kernel: {error!r}") from error
                 shutil.rmtree(folder, ignore_errors=True)
                 fresh.rename(folder)
     return folder
@@ -124,7 +127,7 @@ def _prepare(meta, scratch, fresh):
     if not busybox.exists():
         busybox = root / "usr/bin/busybox"
     modules = next((root / "lib/modules").iterdir())
-    for path in modules.rglob("*.ko*"):
+    for path in sorted(modules.rglob("*.ko*")):
         if not MODULES.match(str(path.relative_to(modules))):
             path.unlink()
         elif path.suffix == ".xz":
