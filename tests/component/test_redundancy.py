@@ -56,7 +56,7 @@ def test_the_oldest_is_master_and_one_that_returns_is_standby(pair):
     one.ended()
     one.started()
     one.wait_for("standby", "realtime")
-    assert two.is_("master", "realtime")
+    two.wait_for("master", "realtime")
 
 
 def test_the_configuration_follows_and_the_standby_takes_no_commands(pair):
@@ -93,7 +93,7 @@ def test_a_new_master_exports_without_a_hand_on_it_and_goes_on_with_the_counters
     wait_for(lambda: [o for _, u, i, o in watch.octets() if (u, i) == (2, port) and o >= 5_001_010],
              "the counts that go on", PATIENCE_S, 0.2)
     assert watch.steps_back() == []
-    assert two.cached()[port] == 5_000_000, "the cache is saved when a switch-over ends"
+    wait_for(lambda: two.cached().get(port) == 5_000_000, "the cache, which is saved when a switch-over ends")
 
 
 def test_samples_that_a_standby_takes_go_nowhere(pair):
@@ -151,8 +151,8 @@ def test_without_corosync_a_unit_says_so_and_is_not_active(make_pair):
     pair = make_pair()
     one = pair.unit(1).started()
     assert one.is_("candidate")
-    assert "%RDND-3-GROUP: corosync does not answer: is it running, and is its corosync.conf in order?; this unit is " \
-           "not the active one until that works" in one.log()
+    wait_for(lambda: "%RDND-3-GROUP: corosync does not answer: is it running, and is its corosync.conf in order?; this unit "
+             "is not the active one until that works" in one.log(), "a line in the log")
     assert "corosync does not answer" in one.show()["Trouble"]
     result = one.cli("configure terminal")
     assert result.status == 1 and "not the active one" in result.output

@@ -211,9 +211,9 @@ def test_the_kernels_own_binding_is_used_where_the_options_are_not_known(vrfs):
     vrfs.stage.cli("debug sflow export")
     vrfs.collect("vrf red", "v4")
     assert vrfs.arrives("red") == NEAR["v4"]
-    log = vrfs.stage.daemon.log()
-    assert "sflow_receiver_bind_ipv4_socket set sock vrf opt fail:Protocol not available" in log
-    assert "bind socket fail" not in log
+    refused = "sflow_receiver_bind_ipv4_socket set sock vrf opt fail:Protocol not available"
+    wait_for(lambda: refused in vrfs.stage.daemon.log(), "the option to be refused")
+    assert "bind socket fail" not in vrfs.stage.daemon.log()
 
 
 def test_a_removed_vrf_takes_its_collector_and_nothing_reaches_the_default_one(vrfs):
