@@ -176,6 +176,10 @@ void ConfigMirror::changed()
 
 void ConfigMirror::begin_feeding()
 {
+    // Before that the startup configuration is still to come, and a standby would give up what it has.
+    asked_ = !core_.ready();
+    if (asked_)
+        return;
     sent_.reset();
     feeding_ = send(core_.running_config(false));
     interested_.store(feeding_ || desired_.has_value());
@@ -235,11 +239,18 @@ void ConfigMirror::receive(const std::string &piece)
 void ConfigMirror::ready()
 {
     reconcile();
+    if (!asked_)
+        return;
+    // What the startup configuration sets becomes part of the running one with the sampling service's answers.
+    core_.when_settled([this] {
+        if (asked_)
+            begin_feeding();
+    });
 }
 
 void ConfigMirror::role_changed()
 {
-    feeding_ = false;
+    feeding_ = asked_ = false;
     if (is_passive())
         return;
     // The last chance of what is still missing: from here on the configuration is the operators' again.

@@ -111,6 +111,7 @@ private:
 
     // As active unit.
     bool feeding_ = false; ///< a standby takes configurations
+    bool asked_ = false;   ///< a standby has asked, and the daemon was not ready
     std::uint32_t generation_ = 0;
     std::optional<std::string> sent_;
     bool sent_as_saved_ = false;

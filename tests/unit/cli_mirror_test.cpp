@@ -308,6 +308,21 @@ TEST_F(Config_mirror_active, sends_everything_when_asked_and_then_each_change)
     EXPECT_THAT(sent(), SizeIs(1)) << "another standby has nothing yet";
 }
 
+TEST_F(Config_mirror_active, sends_nothing_before_its_startup_configuration_is_in_force)
+{
+    ASSERT_EQ(cli::write_config_file(cli::startup_config_path(), "fan speed 2\n"), "");
+    rdnd_double::state.role = RDND_ROLE_MASTER;
+    core_.mirror().start(master_);
+    deliver(RDND_E_BATCH_SYN_REQ);
+    serve();
+    EXPECT_THAT(sent(), IsEmpty());
+    EXPECT_THAT(rdnd_double::state.completions, IsEmpty());
+    core_.set_ready();
+    serve();
+    EXPECT_THAT(sent(), testing::Contains(HasSubstr("fan speed 2\n")));
+    EXPECT_THAT(rdnd_double::state.completions, ElementsAre(RDND_NOTIFY_BATCH));
+}
+
 TEST_F(Config_mirror_active, tells_when_it_has_saved)
 {
     start(RDND_ROLE_MASTER);
