@@ -260,10 +260,20 @@ int Core::on_settle_timer(kx_thread_t *thread)
 
 void Core::when_settled(std::function<void()> run)
 {
-    const bool waiting = !awaiting_settled_.empty();
     awaiting_settled_.push_back(std::move(run));
-    if (waiting)
-        return;
+    if (awaiting_settled_.size() == 1)
+        begin_settling();
+}
+
+void Core::set_settle_time(std::chrono::milliseconds time)
+{
+    settle_time_ = time;
+    if (!awaiting_settled_.empty())
+        begin_settling(); // the timer that is armed finds nobody any more
+}
+
+void Core::begin_settling()
+{
     settle_deadline_ = std::chrono::steady_clock::now() + settle_patience * settle_time_;
     if (!await_settled())
         run_settled();

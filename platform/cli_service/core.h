@@ -92,8 +92,8 @@ public:
     /// that has been awaited long enough. What a command sets in the sampling service becomes part of the running
     /// configuration with the service's answer: saved at once, it would be missing.
     void when_settled(std::function<void()> run);
-    /// How long a change counts as recent. For tests.
-    void set_settle_time(std::chrono::milliseconds time) { settle_time_ = time; }
+    /// How long a change counts as recent, also for those who wait already. For tests.
+    void set_settle_time(std::chrono::milliseconds time);
 
     /// Writes the running configuration to the startup configuration's file.
     /// @return why that failed; empty on success
@@ -115,6 +115,7 @@ private:
     static int on_settle_timer(kx_thread_t *thread);
     [[nodiscard]] std::chrono::milliseconds until_settled() const;
     bool await_settled() PLATFORM_EXCLUDES(post_lock_);
+    void begin_settling();
     void run_settled();
     void apply_startup_config();
 

@@ -152,10 +152,11 @@ TEST_F(SessionTest, cancel_ends_the_command_that_runs)
 
 TEST_F(SessionTest, cancelled_command_writes_to_nobody_when_it_ends)
 {
-    core_.set_settle_time(std::chrono::milliseconds(1));
+    core_.set_settle_time(std::chrono::hours(1));
     core_.mark_changed();
     session_.receive("run write memory\ncancel\n");
     ASSERT_THAT(statuses(), ElementsAre("cancelled"));
+    core_.set_settle_time(std::chrono::milliseconds(1));
     bool saved = false;
     core_.when_settled([&] { saved = true; });
     kx_thread_t task{};
