@@ -10,7 +10,7 @@ from harness.sampler_totals import sampler_totals
 from harness.wait import wait_for
 
 RATE = 4096
-PACKETS = 600_000
+PACKETS = 400_000
 FEWER = 200_000     # 12 samples of each kind of marked packet are expected; none at all, once in 200,000 times
 MARKED = 50     # percent of the packets that the lists are about
 
