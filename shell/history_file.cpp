@@ -1,6 +1,7 @@
 #include "history_file.h"
 
 #include "descriptor.h"
+#include "file/file.h"
 #include "words.h"
 
 #include <algorithm>
@@ -18,40 +19,17 @@ namespace
 
 constexpr mode_t file_mode = 0600;
 /// A file that is larger is not this program's.
-constexpr off_t size_limit = 16 << 20;
+constexpr std::size_t size_limit = 16 << 20;
 
-bool write_all(int file, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t written = ::write(file, text.data(), text.size());
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
-std::optional<std::string> read_all(int file)
+std::optional<std::string> read_history(int file)
 {
     struct stat status {
     };
-    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > size_limit)
+    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
         return std::nullopt;
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t length = 0;
-    while (length < text.size()) {
-        const ssize_t got = ::read(file, text.data() + length, text.size() - length);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return std::nullopt;
-        if (got == 0)
-            break;
-        length += static_cast<std::size_t>(got);
-    }
-    text.resize(length);
+    std::string text;
+    if (!platform::read_all(file, size_limit, text) || text.size() > size_limit)
+        return std::nullopt;
     return text;
 }
 
@@ -80,7 +58,7 @@ std::vector<std::string> HistoryFile::load() const
     // Appending sessions hold the lock for one write.
     if (!file || flock(file.get(), LOCK_EX) != 0)
         return lines;
-    const std::optional<std::string> text = read_all(file.get());
+    const std::optional<std::string> text = read_history(file.get());
     if (!text)
         return lines;
     std::size_t count = 0;
@@ -97,7 +75,7 @@ std::vector<std::string> HistoryFile::load() const
     for (const std::string &line : lines)
         kept.append(line).push_back('\n');
     if (ftruncate(file.get(), 0) == 0 && lseek(file.get(), 0, SEEK_SET) == 0)
-        static_cast<void>(write_all(file.get(), kept));
+        static_cast<void>(platform::write_all(file.get(), kept));
     return lines;
 }
 
@@ -109,7 +87,7 @@ void HistoryFile::add(std::string_view line)
     const cli::Descriptor file(
         open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, file_mode));
     if (file && flock(file.get(), LOCK_EX) == 0)
-        static_cast<void>(write_all(file.get(), std::string(line) + "\n"));
+        static_cast<void>(platform::write_all(file.get(), std::string(line) + "\n"));
 }
 
 } // namespace shell

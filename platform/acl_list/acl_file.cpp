@@ -1,6 +1,8 @@
 #include "acl_list/acl_file.h"
 
 #include "acl_list/acl_json.h"
+#include "file/descriptor.h"
+#include "file/file.h"
 
 #include <array>
 #include <cerrno>
@@ -30,24 +32,6 @@ constexpr mode_t file_mode = 0644;
 constexpr mode_t directory_mode = 0755;
 constexpr mode_t parent_mode = 0750;
 
-class File
-{
-public:
-    explicit File(int fd) : fd_(fd) {}
-    File(const File &) = delete;
-    File &operator=(const File &) = delete;
-    ~File()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    [[nodiscard]] int get() const { return fd_; }
-    [[nodiscard]] explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
-
 std::string reason(std::string_view what, const std::string &path)
 {
     return path + ": " + std::string(what) + ": " + std::strerror(errno);
@@ -74,51 +58,12 @@ bool take_number(std::string_view &text, T &number, int base, char end)
     return true;
 }
 
-std::string read_file(int fd, std::string &text)
-{
-    std::array<char, 16384> buffer;
-    while (text.size() <= most_bytes) {
-        const ssize_t got = ::read(fd, buffer.data(), buffer.size());
-        if (got == 0)
-            return {};
-        if (got < 0 && errno != EINTR)
-            return std::strerror(errno);
-        if (got > 0)
-            text.append(buffer.data(), static_cast<std::size_t>(got));
-    }
-    return "larger than " + std::to_string(most_bytes) + " bytes";
-}
-
-bool write_all(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 std::string make_directory(const std::string &directory)
 {
-    const std::size_t slash = directory.rfind('/');
-    if (slash != std::string::npos && slash > 0)
-        ::mkdir(directory.substr(0, slash).c_str(), parent_mode);
+    ::mkdir(platform::directory_of(directory).c_str(), parent_mode);
     if (::mkdir(directory.c_str(), directory_mode) != 0 && errno != EEXIST)
         return reason("cannot be created", directory);
     return {};
-}
-
-std::string write_new(const std::string &path, std::string_view text)
-{
-    const File file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, file_mode));
-    if (!file || ::fchmod(file.get(), file_mode) != 0)
-        return reason("cannot be created", path);
-    // Not brought onto the disk: the lists are published anew at every start, and the checksum tells a torn file.
-    return write_all(file.get(), text) ? std::string() : reason("cannot be written", path);
 }
 
 } // namespace
@@ -165,13 +110,16 @@ ReadResult decode_list(std::string_view text)
 ReadResult read_list(std::string_view directory, std::int32_t id, std::string_view name)
 {
     const std::string path = file_of(directory, id);
-    const File file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const platform::Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         return ReadError{.fault = errno == ENOENT ? Fault::missing : Fault::unreadable,
                          .reason = reason("cannot be opened", path)};
     std::string text;
-    if (const std::string error = read_file(file.get(), text); !error.empty())
-        return ReadError{.fault = Fault::unreadable, .reason = path + ": cannot be read: " + error};
+    if (!platform::read_all(file.get(), most_bytes, text))
+        return ReadError{.fault = Fault::unreadable, .reason = reason("cannot be read", path)};
+    if (text.size() > most_bytes)
+        return ReadError{.fault = Fault::unreadable,
+                         .reason = path + ": larger than " + std::to_string(most_bytes) + " bytes"};
     ReadResult result = decode_list(text);
     if (auto *const error = std::get_if<ReadError>(&result)) {
         error->reason.insert(0, path + ": ");
@@ -190,17 +138,10 @@ std::string publish_list(std::string_view directory, const List &list)
     const std::string path = file_of(directory, list.id);
     if (const auto fault = find_fault(list))
         return path + ": the list is not sound: " + *fault;
-    std::string error = make_directory(std::string(directory));
-    if (!error.empty())
+    if (std::string error = make_directory(std::string(directory)); !error.empty())
         return error;
-    const std::string fresh =
-        std::string(directory) + "/" + std::to_string(list.id) + std::string(unfinished_suffix);
-    error = write_new(fresh, encode_list(list));
-    if (error.empty() && ::rename(fresh.c_str(), path.c_str()) != 0)
-        error = reason("cannot be replaced", path);
-    if (!error.empty())
-        ::unlink(fresh.c_str());
-    return error;
+    // Not brought onto the disk: the lists are published anew at every start, and the checksum tells a torn file.
+    return platform::replace_file(path, encode_list(list), file_mode, platform::Durable::no);
 }
 
 std::string withdraw_list(std::string_view directory, std::int32_t id)

@@ -1,34 +1,11 @@
-// A file descriptor that is closed when its owner goes.
+// The platform's descriptor, by the name that the CLI service and the shell use.
 #pragma once
 
-#include <unistd.h>
-#include <utility>
+#include "file/descriptor.h"
 
 namespace cli
 {
 
-class Descriptor
-{
-public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Descriptor &operator=(Descriptor &&other) noexcept
-    {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~Descriptor()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-
-    [[nodiscard]] int get() const { return fd_; }
-    [[nodiscard]] explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_ = -1;
-};
+using platform::Descriptor;
 
 } // namespace cli

@@ -1,5 +1,7 @@
 #include "lsm_ethtool.h"
 
+#include "file/descriptor.h"
+
 #include <array>
 #include <cstddef>
 #include <cstring>
@@ -23,24 +25,6 @@ namespace
 {
 
 constexpr int MONITOR_LIMIT = 1000; // notifications a round
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    [[nodiscard]] int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 EthInfo to_info(u_int32_t speed, u_int8_t duplex)
 {

@@ -5,6 +5,7 @@
 
 #include "platform/tech.h"
 
+#include "file/descriptor.h"
 #include "lock/immortal.h"
 #include "lock/mutex.h"
 #include "tech_support/tech_registry.h"
@@ -19,25 +20,9 @@
 namespace
 {
 
+using platform::Descriptor;
 using platform::Mutex;
 using platform::MutexLock;
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    [[nodiscard]] int get() const { return fd_; }
-
-private:
-    const int fd_;
-};
 
 /// Sends descriptor 1 into a memory file until it is destroyed.
 class StdoutCapture

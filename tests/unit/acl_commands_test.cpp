@@ -489,7 +489,7 @@ TEST_F(Acl_commands, an_edit_that_cannot_be_published_fails)
     const Answer answer = run("deny ip any any");
     std::filesystem::remove(obstacle);
     EXPECT_EQ(answer.status, Status::failed);
-    EXPECT_EQ(answer.text, "% " + obstacle + ": cannot be created: Is a directory\n");
+    EXPECT_EQ(answer.text, "% cannot create " + obstacle + ": Is a directory\n");
     EXPECT_THAT(lines_of("101"), ElementsAre("permit ip any any"));
 }
 

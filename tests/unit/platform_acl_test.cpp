@@ -483,8 +483,8 @@ TEST_F(AclServiceTest, what_cannot_be_published_is_not_taken_over)
     std::filesystem::create_directory(acl::file_of(directory, id) +
                                       ".new"); // in the place of the new version
     const auto add = [](AccessList &list) { return list.put(20, deny_all()); };
-    EXPECT_THAT(service.edit(id, add), HasSubstr("cannot be created"));
-    EXPECT_THAT(service.resequence(id, 5, 5), HasSubstr("cannot be created"));
+    EXPECT_THAT(service.edit(id, add), HasSubstr("cannot create "));
+    EXPECT_THAT(service.resequence(id, 5, 5), HasSubstr("cannot create "));
     EXPECT_EQ(1U, service.find(id)->list.lines().size());
     EXPECT_EQ(10U, service.find(id)->list.lines().begin()->first);
     serve(master.get());
