@@ -95,38 +95,40 @@ int AclService::attach(const std::string &name, kx_thread_master_t *master, cons
     return ACL_OK;
 }
 
+int AclService::find_for_client(const acl_id_args_t &list, Snapshot *&found)
+{
+    if (clients_.empty())
+        return ACL_ERR_NOT_READY;
+    found = find_record(list);
+    return found != nullptr ? ACL_OK : ACL_ERR_NOT_FOUND;
+}
+
 int AclService::look_up(acl_id_args_t &list)
 {
     const MutexLock lock(mutex_);
-    if (clients_.empty())
-        return ACL_ERR_NOT_READY;
-    const Snapshot *const found = find_record(list);
-    if (found == nullptr)
-        return ACL_ERR_NOT_FOUND;
-    list = record_of(found->list);
-    return ACL_OK;
+    Snapshot *found = nullptr;
+    const int result = find_for_client(list, found);
+    if (found != nullptr)
+        list = record_of(found->list);
+    return result;
 }
 
 int AclService::take_reference(const acl_id_args_t &list)
 {
     const MutexLock lock(mutex_);
-    if (clients_.empty())
-        return ACL_ERR_NOT_READY;
-    Snapshot *const found = find_record(list);
-    if (found == nullptr)
-        return ACL_ERR_NOT_FOUND;
-    ++found->references;
-    return ACL_OK;
+    Snapshot *found = nullptr;
+    const int result = find_for_client(list, found);
+    if (found != nullptr)
+        ++found->references;
+    return result;
 }
 
 int AclService::release_reference(const acl_id_args_t &list)
 {
     const MutexLock lock(mutex_);
-    if (clients_.empty())
-        return ACL_ERR_NOT_READY;
-    Snapshot *const found = find_record(list);
-    if (found == nullptr)
-        return ACL_ERR_NOT_FOUND;
+    Snapshot *found = nullptr;
+    if (const int result = find_for_client(list, found); found == nullptr)
+        return result;
     if (found->references == 0)
         return ACL_ERR_NOT_HELD;
     --found->references;

@@ -86,6 +86,8 @@ private:
     void notify_difference(const AccessList &before, const AccessList &after) PLATFORM_REQUIRES(mutex_);
 
     [[nodiscard]] Snapshot *find_record(const acl_id_args_t &list) PLATFORM_REQUIRES(mutex_);
+    /// What a client is told when it names this list; `found` is set when there is one to be had, else unchanged.
+    [[nodiscard]] int find_for_client(const acl_id_args_t &list, Snapshot *&found) PLATFORM_REQUIRES(mutex_);
     [[nodiscard]] Snapshot *find_name(std::string_view name) PLATFORM_REQUIRES(mutex_);
     [[nodiscard]] int free_id(const std::string &name) PLATFORM_REQUIRES(mutex_);
 
