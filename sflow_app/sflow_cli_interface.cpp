@@ -225,53 +225,60 @@ void intf_sflow_enable_acl_cmd(struct_command_data_block *record)
 
 // ---- Collectors of an interface ------------------------------------------------------------------------------
 
-/// Asks the sampling service to bind the interface to collector int_var[0]; `name` is what the operator calls the
-/// kind of samples.
-static void intf_sflow_collector_cfg(struct_command_data_block *record, sflow_conf_flag_t kind,
-                                     const char *name)
+/// What the commands for the two kinds of samples differ in.
+struct sflow_collector_cmd_t {
+    const char *name; ///< of the samples, to the operator
+    sflow_conf_flag_t kind;
+    u_int32_t (*get_cid)(IFINDEX ifx); ///< the caller holds `config_lock`
+    void (*clear_cid)(IFINDEX ifx);
+};
+
+/// Asks the sampling service to bind the interface to collector int_var[0].
+static void intf_sflow_collector_cfg(struct_command_data_block *record, const sflow_collector_cmd_t &cmd)
 {
     const auto cid = static_cast<int>(record->int_var[0]);
     if (!sflow_is_enable_receiver(static_cast<u_int32_t>(cid))) {
         cli_printf(
             "Failed to configure sflow %s collector %d. Sflow collector %d should be configured first.\n",
-            name, cid, cid);
+            cmd.name, cid, cid);
         cli_client_execmd_fail(record);
         return;
     }
-    if (sflow_ifx_is_conf_msg(sflow_mode_ifx(record), cid, kind) != 0) {
-        cli_printf("Failed to configure sflow %s collector.\n", name);
+    if (sflow_ifx_is_conf_msg(sflow_mode_ifx(record), cid, cmd.kind) != 0) {
+        cli_printf("Failed to configure sflow %s collector.\n", cmd.name);
         cli_client_execmd_fail(record);
+    }
+}
+
+static void intf_sflow_collector_cmd(struct_command_data_block *record, const sflow_collector_cmd_t &cmd)
+{
+    const IFINDEX ifx = sflow_mode_ifx(record);
+    if (sflow_is_c2p_pass(record)) {
+        sflow_config_held();
+        const u_int32_t cid = cmd.get_cid(ifx);
+        if (cid != 0)
+            c2p_printf(1, record, "sflow %s collector %d", cmd.name, cid);
+    } else if (record->flag_nd_prefix != 0) {
+        cmd.clear_cid(ifx);
+    } else {
+        intf_sflow_collector_cfg(record, cmd);
     }
 }
 
 void intf_sflow_counter_collector_cmd(struct_command_data_block *record)
 {
-    const IFINDEX ifx = sflow_mode_ifx(record);
-    if (sflow_is_c2p_pass(record)) {
-        sflow_config_held();
-        const u_int32_t cid = sflow_poller_get_cid(ifx);
-        if (cid != 0)
-            c2p_printf(1, record, "sflow counter collector %d", cid);
-    } else if (record->flag_nd_prefix != 0) {
-        sflow_poller_clear_cid(ifx);
-    } else {
-        intf_sflow_collector_cfg(record, SFLOW_CONF_FLAG_COUNTER, "counter");
-    }
+    intf_sflow_collector_cmd(record, {.name = "counter",
+                                      .kind = SFLOW_CONF_FLAG_COUNTER,
+                                      .get_cid = sflow_poller_get_cid,
+                                      .clear_cid = sflow_poller_clear_cid});
 }
 
 void intf_sflow_flow_collector_cmd(struct_command_data_block *record)
 {
-    const IFINDEX ifx = sflow_mode_ifx(record);
-    if (sflow_is_c2p_pass(record)) {
-        sflow_config_held();
-        const u_int32_t cid = sflow_sampler_get_cid(ifx);
-        if (cid != 0)
-            c2p_printf(1, record, "sflow flow collector %d", cid);
-    } else if (record->flag_nd_prefix != 0) {
-        sflow_sampler_clear_cid(ifx);
-    } else {
-        intf_sflow_collector_cfg(record, SFLOW_CONF_FLAG_FLOW, "flow");
-    }
+    intf_sflow_collector_cmd(record, {.name = "flow",
+                                      .kind = SFLOW_CONF_FLAG_FLOW,
+                                      .get_cid = sflow_sampler_get_cid,
+                                      .clear_cid = sflow_sampler_clear_cid});
 }
 
 // ---- Running configuration -----------------------------------------------------------------------------------
