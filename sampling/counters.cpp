@@ -19,19 +19,6 @@ constexpr std::uint32_t oper_up = 2;
 using Value = std::optional<std::uint64_t>;
 constexpr Value unknown = std::nullopt;
 
-constexpr CounterField octets(std::uint64_t sflow_generic_counter_t::*member)
-{
-    return {.octets = member};
-}
-constexpr CounterField generic(std::uint32_t sflow_generic_counter_t::*member)
-{
-    return {.generic = member};
-}
-constexpr CounterField ether(std::uint32_t sflow_ether_counter_t::*member)
-{
-    return {.ether = member};
-}
-
 std::uint64_t minus(std::uint64_t total, std::uint64_t part)
 {
     // The two are read at different moments, and may come from different counters.
@@ -44,35 +31,6 @@ std::uint32_t status_of(const Link &link)
 }
 
 } // namespace
-
-constexpr std::array<CounterField, counter_field_count> counter_fields = {
-    octets(&sflow_generic_counter_t::ifInOctets),
-    generic(&sflow_generic_counter_t::ifInUcastPkts),
-    generic(&sflow_generic_counter_t::ifInMulticastPkts),
-    generic(&sflow_generic_counter_t::ifInBroadcastPkts),
-    generic(&sflow_generic_counter_t::ifInDiscards),
-    generic(&sflow_generic_counter_t::ifInErrors),
-    generic(&sflow_generic_counter_t::ifInUnknownProtos),
-    octets(&sflow_generic_counter_t::ifOutOctets),
-    generic(&sflow_generic_counter_t::ifOutUcastPkts),
-    generic(&sflow_generic_counter_t::ifOutMulticastPkts),
-    generic(&sflow_generic_counter_t::ifOutBroadcastPkts),
-    generic(&sflow_generic_counter_t::ifOutDiscards),
-    generic(&sflow_generic_counter_t::ifOutErrors),
-    ether(&sflow_ether_counter_t::dot3StatsAlignmentErrors),
-    ether(&sflow_ether_counter_t::dot3StatsFCSErrors),
-    ether(&sflow_ether_counter_t::dot3StatsSingleCollisionFrames),
-    ether(&sflow_ether_counter_t::dot3StatsMultipleCollisionFrames),
-    ether(&sflow_ether_counter_t::dot3StatsSQETestErrors),
-    ether(&sflow_ether_counter_t::dot3StatsDeferredTransmissions),
-    ether(&sflow_ether_counter_t::dot3StatsLateCollisions),
-    ether(&sflow_ether_counter_t::dot3StatsExcessiveCollisions),
-    ether(&sflow_ether_counter_t::dot3StatsInternalMacTransmitErrors),
-    ether(&sflow_ether_counter_t::dot3StatsCarrierSenseErrors),
-    ether(&sflow_ether_counter_t::dot3StatsFrameTooLongs),
-    ether(&sflow_ether_counter_t::dot3StatsInternalMacReceiveErrors),
-    ether(&sflow_ether_counter_t::dot3StatsSymbolErrors),
-};
 
 FieldValues field_values(const LinkCounters &counters)
 {

@@ -5,10 +5,12 @@
 #pragma once
 
 #include "links.h"
+#include "sflow_counter_fields.h"
 #include "sflow_domain_msg.h"
 
 #include <array>
 #include <cstdint>
+#include <iterator>
 #include <linux/if_link.h>
 #include <optional>
 
@@ -77,14 +79,10 @@ constexpr std::array<MacCounters::Value MacCounters::*, 16> mac_counters = {
     &MacCounters::symbol_errors,
 };
 
-// The 26 counter fields of a report, in the order of its two blocks. Values of them come as arrays in this order.
+// The counter fields of a report, in the order of its two blocks. Values of them come as arrays in this order.
 
-/// One counter field; exactly one member is set.
-struct CounterField {
-    std::uint64_t sflow_generic_counter_t::*octets = nullptr;
-    std::uint32_t sflow_generic_counter_t::*generic = nullptr;
-    std::uint32_t sflow_ether_counter_t::*ether = nullptr;
-
+/// One counter field of a record.
+struct CounterField : sflow_counter_field_t {
     /// All bits of the field: its modulus less one, and the value that means unknown.
     [[nodiscard]] constexpr std::uint64_t mask() const
     {
@@ -111,8 +109,13 @@ struct CounterField {
     }
 };
 
-constexpr std::size_t counter_field_count = 26;
-extern const std::array<CounterField, counter_field_count> counter_fields;
+constexpr std::size_t counter_field_count = std::size(sflow_counter_fields);
+inline constexpr auto counter_fields = [] {
+    std::array<CounterField, counter_field_count> fields;
+    for (std::size_t i = 0; i < counter_field_count; ++i)
+        fields[i] = {sflow_counter_fields[i]};
+    return fields;
+}();
 
 /// Values of the fields as far as they are known, not cut to the field's width.
 using FieldValues = std::array<std::optional<std::uint64_t>, counter_field_count>;

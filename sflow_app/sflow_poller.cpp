@@ -10,6 +10,7 @@
 #include "sflow_binding.h"
 #include "sflow_cli.h"
 #include "sflow_cli_msg.h"
+#include "sflow_counter_fields.h"
 #include "sflow_dbg.h"
 
 #include <cstdlib>
@@ -101,50 +102,22 @@ static void accumulate(T *dst, T src)
     *dst = src == maximum ? maximum : static_cast<T>(*dst + src);
 }
 
-static constexpr u_int64_t sflow_generic_counter_t::*generic_octets[] = {
-    &sflow_generic_counter_t::ifInOctets,
-    &sflow_generic_counter_t::ifOutOctets,
-};
-
-static constexpr u_int32_t sflow_generic_counter_t::*generic_counts[] = {
-    &sflow_generic_counter_t::ifInUcastPkts,      &sflow_generic_counter_t::ifInMulticastPkts,
-    &sflow_generic_counter_t::ifInBroadcastPkts,  &sflow_generic_counter_t::ifInDiscards,
-    &sflow_generic_counter_t::ifInErrors,         &sflow_generic_counter_t::ifInUnknownProtos,
-    &sflow_generic_counter_t::ifOutUcastPkts,     &sflow_generic_counter_t::ifOutMulticastPkts,
-    &sflow_generic_counter_t::ifOutBroadcastPkts, &sflow_generic_counter_t::ifOutDiscards,
-    &sflow_generic_counter_t::ifOutErrors,
-};
-
-static constexpr u_int32_t sflow_ether_counter_t::*ether_counts[] = {
-    &sflow_ether_counter_t::dot3StatsAlignmentErrors,
-    &sflow_ether_counter_t::dot3StatsFCSErrors,
-    &sflow_ether_counter_t::dot3StatsSingleCollisionFrames,
-    &sflow_ether_counter_t::dot3StatsMultipleCollisionFrames,
-    &sflow_ether_counter_t::dot3StatsSQETestErrors,
-    &sflow_ether_counter_t::dot3StatsDeferredTransmissions,
-    &sflow_ether_counter_t::dot3StatsLateCollisions,
-    &sflow_ether_counter_t::dot3StatsExcessiveCollisions,
-    &sflow_ether_counter_t::dot3StatsInternalMacTransmitErrors,
-    &sflow_ether_counter_t::dot3StatsCarrierSenseErrors,
-    &sflow_ether_counter_t::dot3StatsFrameTooLongs,
-    &sflow_ether_counter_t::dot3StatsInternalMacReceiveErrors,
-    &sflow_ether_counter_t::dot3StatsSymbolErrors,
-};
-static_assert(sizeof(ether_counts) / sizeof(ether_counts[0]) * sizeof(u_int32_t) ==
-              sizeof(sflow_ether_counter_t));
-
 void sflow_poller_update_generic_counter(sflow_generic_counter_t *dst, const sflow_generic_counter_t *src)
 {
-    for (const auto field : generic_octets)
-        accumulate(&(dst->*field), src->*field);
-    for (const auto field : generic_counts)
-        accumulate(&(dst->*field), src->*field);
+    for (const sflow_counter_field_t &field : sflow_counter_fields) {
+        if (field.octets != nullptr)
+            accumulate(&(dst->*field.octets), src->*field.octets);
+        else if (field.generic != nullptr)
+            accumulate(&(dst->*field.generic), src->*field.generic);
+    }
 }
 
 void sflow_poller_update_ether_counter(sflow_ether_counter_t *dst, const sflow_ether_counter_t *src)
 {
-    for (const auto field : ether_counts)
-        accumulate(&(dst->*field), src->*field);
+    for (const sflow_counter_field_t &field : sflow_counter_fields) {
+        if (field.ether != nullptr)
+            accumulate(&(dst->*field.ether), src->*field.ether);
+    }
 }
 
 // ---- Events, applied by the dispatcher --------------------------------------------------------------------
