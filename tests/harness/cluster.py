@@ -98,7 +98,7 @@ class Place:
 
     def command(self, *words):
         """`words` as a command line that runs here."""
-        return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", "--", *map(str, words)]
+        return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", "-r", "-w", "--", *map(str, words)]
 
     def run(self, *words, check=True, **keywords):
         keywords.setdefault("capture_output", True)
