@@ -40,14 +40,15 @@ acl::Address address_of(const struct_command_data_block &record, int end, acl::F
     acl::Address address;
     if (form == FORM_ANY)
         return address;
-    address.value = bytes_of(record.paddr_var[2 * end], size);
+    const int slot = 2 * end;
+    address.value = bytes_of(record.paddr_var[slot], size);
     if (form == FORM_HOST)
         address.mask = prefix_mask(static_cast<int64_t>(size) * 8);
     if (form == FORM_PREFIX)
         address.mask = prefix_mask(record.int_var[VAR_LENGTH + end * END_SLOTS]);
     if (form == FORM_WILDCARD)
-        std::transform(std::begin(record.paddr_var[2 * end + 1]),
-                       std::begin(record.paddr_var[2 * end + 1]) + size, address.mask.begin(),
+        std::transform(std::begin(record.paddr_var[slot + 1]), std::begin(record.paddr_var[slot + 1]) + size,
+                       address.mask.begin(),
                        [](u_int8_t wildcard) { return static_cast<std::uint8_t>(~wildcard); });
     for (std::size_t i = 0; i < size; ++i)
         address.value[i] &= address.mask[i];
