@@ -3,20 +3,17 @@
 A node is held by a process that keeps its namespaces; corosync's files lie on a file system of the node's own, so that
 any number of nodes run side by side. `Arbiter` is a third vote (corosync-qnetd) that every node reaches on its own link.
 """
-import ctypes
 import os
 import pathlib
 import shutil
 import signal
-import socket
 import subprocess
 import tempfile
-import threading
 
 from harness.daemon import BIN
+from harness.namespace import Stack
 from harness.wait import wait_for
 
-CLONE_NEWNET = 0x40000000
 RING = "ring0"                # the nodes' link to each other
 RING_ADDRESS = "10.99.0.{}"
 VOTE = "vote0"                # a node's link to the arbiter
@@ -85,7 +82,7 @@ def available(third_vote=False):
     return None if probe.returncode == 0 else f"no namespaces with mounts of their own: {probe.stderr.strip()}"
 
 
-class Place:
+class Place(Stack):
     """A network and mount namespace, with a /run and /dev/shm of its own; `close` ends what is left in it."""
 
     def __init__(self, label):
@@ -96,48 +93,16 @@ class Place:
             stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         assert self.holder.stdout.readline() == b"ready\n", f"{label}: no namespaces"
 
+    @property
+    def path(self):
+        return f"/proc/{self.holder.pid}/ns/net"
+
     def command(self, *words):
         """`words` as a command line that runs here."""
         return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", "-r", "-w", "--", *map(str, words)]
 
-    def run(self, *words, check=True, **keywords):
-        keywords.setdefault("capture_output", True)
-        keywords.setdefault("text", True)
-        done = subprocess.run(self.command(*words), **keywords)
-        if check and done.returncode != 0:
-            raise RuntimeError(f"{' '.join(map(str, words))}: status {done.returncode}\n{done.stdout}{done.stderr}")
-        return done
-
     def ip(self, *words):
         return self.run("ip", *words).stdout
-
-    def ifindex(self, name):
-        return int(self.ip("-o", "link", "show", name).split(":")[0])
-
-    def popen(self, *words, **keywords):
-        return subprocess.Popen(self.command(*words), **keywords)
-
-    def socket(self, family, kind, protocol=0):
-        """A socket that lives here."""
-        made = []
-
-        def make():
-            libc = ctypes.CDLL(None, use_errno=True)
-            with open(f"/proc/{self.holder.pid}/ns/net") as handle:
-                if libc.setns(handle.fileno(), CLONE_NEWNET) != 0:
-                    made.append(OSError(ctypes.get_errno(), "setns"))
-                    return
-            try:
-                made.append(socket.socket(family, kind, protocol))
-            except OSError as error:
-                made.append(error)
-
-        maker = threading.Thread(target=make)
-        maker.start()
-        maker.join()
-        if isinstance(made[0], OSError):
-            raise made[0]
-        return made[0]
 
     def add_veth(self, name, peer_name, peer):
         """A veth pair from here to `peer`, both ends up."""
