@@ -1,6 +1,8 @@
 // Feeds the CLI service with what a shell, an operator or a file may hold: a session's bytes in pieces, lines in every
 // mode, a configuration text, frames. Whatever comes, answers must be whole frames, errors must point into their line,
 // and help must agree with the matcher about what can follow.
+#include "must.h"
+
 #include "cli_platform_double.h"
 #include "cli_sample.h"
 #include "config_file.h"
@@ -11,19 +13,10 @@
 #include "session.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 
 namespace
 {
-
-#define MUST(condition)                                                                                      \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition);                                     \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 struct World {
     World() : master(kx_thread_master_create())

@@ -1,22 +1,14 @@
 // Feeds the reader of platform.toml with any text. It must give values within their limits, or one line that names the
 // file, and the same for the same text.
+#include "must.h"
+
 #include "config/platform_config.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 
 namespace
 {
-
-#define MUST(condition)                                                                                      \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition);                                     \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 void check(const platform::ConfigError &error)
 {

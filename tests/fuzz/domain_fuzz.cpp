@@ -4,6 +4,8 @@
 //
 // An input is a sequence of packets, each with its length before it (two bytes, low byte first). A record that claims
 // less than a header's length ends its packet: the walk never gets past a length of 0, by contract with the peer.
+#include "must.h"
+
 #include "fake_platform.h"
 
 #include "sflow_acl.h"
@@ -17,7 +19,6 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -28,14 +29,6 @@
 
 namespace
 {
-
-#define MUST(condition)                                                                                      \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition);                                     \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 /// Interfaces that exist; the first two are sampled and polled when an input starts.
 constexpr IFINDEX INTERFACES[] = {1, 2, 3};

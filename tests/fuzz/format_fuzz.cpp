@@ -1,6 +1,8 @@
 // Feeds the platform's formatter with conversions and with whole formats. Conversions of C must print what the C
 // library prints, addresses what "%s" prints of their text, at every size of the buffer; a format of any bytes must be
 // taken without a step outside of its arguments.
+#include "must.h"
+
 #include "platform/zformat.h"
 
 #include <algorithm>
@@ -9,20 +11,11 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 namespace
 {
-
-#define MUST(condition)                                                                                      \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition);                                     \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 /// Bytes of the input, zeros behind its end.
 class Input

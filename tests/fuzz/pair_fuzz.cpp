@@ -3,24 +3,16 @@
 //
 // What decodes must be the encoding of what it decodes to. Whatever strangers send, a unit that has not claimed the role
 // is no master, and what goes to the clients has a length that was sent.
+#include "must.h"
+
 #include "redundancy/pair.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <variant>
 
 using namespace platform;
 
 namespace
 {
-
-#define MUST(condition)                                                                                      \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition);                                     \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 class Host final : public PairHost
 {

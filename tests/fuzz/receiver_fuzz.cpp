@@ -1,6 +1,8 @@
 // Feeds the receivers with samples of any size, under any settings, and takes every datagram apart with a reader of
 // its own: lengths add up, counts agree, sequence numbers follow, nothing is larger than it may be. The kernel is
 // played, so that each sendmsg() ends in check_datagram().
+#include "must.h"
+
 #include "../unit/export_doubles.h"
 #include "../unit/export_syscalls.h"
 
@@ -8,8 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -17,14 +17,6 @@ using namespace export_test;
 
 namespace
 {
-
-#define MUST(condition)                                                                                      \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition);                                     \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 /// Takes values off the fuzzer's bytes; zero when there are none left.
 class Input
