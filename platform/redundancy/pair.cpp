@@ -261,6 +261,9 @@ void Pair::on_frame(MemberId from, const YieldFrame &frame)
         vacancy_ = "an operator's command at " + name_of(from);
     else
         vacancy_ = "the unit that " + name_of(from) + " handed over to is gone";
+    // The heir has all the time of a new master to give a sign of life.
+    if (roster_.hear(frame.to, clock_()))
+        beats_without_[frame.to] = 0;
     if (from != roster_.self())
         return;
     holds_ = false;
@@ -348,7 +351,7 @@ void Pair::reconcile()
     const Quorum quorum = quorum_now();
     if (holds_ && quorum == Quorum::no)
         step_down("no quorum");
-    else if (holds_ && master && !chosen)
+    else if (holds_ && master && !chosen && outvoted())
         step_down(name_of(*master) + " is the active unit");
     else if (!holds_ && chosen && !renouncing_ && quorum == Quorum::yes)
         begin_takeover();
@@ -356,6 +359,19 @@ void Pair::reconcile()
         follow();
     refresh_situation();
     sync_.advance(clock_());
+}
+
+/// Where masters of two parts meet, one that works does not stop before it has been heard too: it may be the one that
+/// stays.
+bool Pair::outvoted() const
+{
+    return role_ != RDND_ROLE_MASTER || roster_.considers(roster_.self()) || exchange_overdue();
+}
+
+/// Whoever has not said by then what it is, is no unit of this pair, or none to wait for.
+bool Pair::exchange_overdue() const
+{
+    return clock_() - roster_.exchange_began() >= settings_.peer_timeout;
 }
 
 /// What a unit does that is not the master.
@@ -395,8 +411,7 @@ void Pair::maybe_claim()
         vacant_since_ = now;
     if (!vacant || switching_.kind != Switching::Kind::none || roster_.state_of(roster_.self()) == nullptr)
         return;
-    // Whoever has said nothing by then is no unit of this pair, or none to wait for.
-    if (!roster_.complete() && now - roster_.exchange_began() < settings_.peer_timeout)
+    if (!roster_.complete() && !exchange_overdue())
         return;
     if (claimed_ && now - *claimed_ < claim_again)
         return;

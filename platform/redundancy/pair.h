@@ -119,6 +119,8 @@ private:
 
     // Roles.
     void reconcile();
+    [[nodiscard]] bool outvoted() const;
+    [[nodiscard]] bool exchange_overdue() const;
     void follow();
     void set_role(rdnd_role role);
     [[nodiscard]] Quorum quorum_now() const;

@@ -101,10 +101,11 @@ void PairRoster::state(MemberId from, StateFrame frame)
     Member &member = found->second;
     // Said before it had heard of the latest change of hands. The first state after a merge is not: there the terms of
     // two parts meet.
-    const bool outdated = frame.term < term_ && (member.state || changed_hands_);
+    const bool first = !member.state;
+    const bool outdated = frame.term < term_ && (!first || changed_hands_);
     const bool holds = frame.holds;
     set_term(frame.term);
-    if (!member.state)
+    if (first)
         member.age_ms = frame.age_ms;
     member.state = std::move(frame);
     std::rotate(member.last_states.begin(), member.last_states.end() - 1, member.last_states.end());
@@ -116,7 +117,11 @@ void PairRoster::state(MemberId from, StateFrame frame)
             master_.reset();
         return;
     }
-    master_ = !master_ || master_ == from ? from : longer_in_office(*master_, from);
+    if (!master_)
+        master_ = from;
+    else if (first && master_ != from)
+        master_ = longer_in_office(*master_, from);
+    // A later one of another unit was on its way when that learnt that it is not the master.
 }
 
 /// The master has not been heard of for as long as the claimant has given signs of life: it may have woken up between

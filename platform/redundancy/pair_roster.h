@@ -6,7 +6,7 @@
 //
 // One master: a unit becomes it by a claim, and the first claim that is delivered wins. Units that were masters of
 // different parts meet when the parts merge; the one that has been master for longer stays. In a new view everybody
-// says again what it is before anything is decided.
+// says again what it is; until all have, the master is only the best of those heard so far.
 #pragma once
 
 #include "redundancy/pair_frame.h"
@@ -66,6 +66,8 @@ public:
     [[nodiscard]] std::optional<MemberId> master() const { return master_; }
     /// Everybody in the view has said what it is.
     [[nodiscard]] bool complete() const;
+    /// Whether master() takes into account what the member was when the view began.
+    [[nodiscard]] bool considers(MemberId id) const { return changed_hands_ || state_of(id) != nullptr; }
     /// When the units began to say what they are.
     [[nodiscard]] PairTime exchange_began() const { return exchange_began_; }
 

@@ -91,8 +91,14 @@ class Unit:
         return shown.get("Role") == role and state in (None, shown.get("State"))
 
     def wait_for(self, role, state=None):
-        wait_for(lambda: self.is_(role, state), lambda: f"unit {self.number} as {role} {state or ''}: {self.show()}",
-                 PATIENCE_S, 0.2)
+        wait_for(lambda: self.is_(role, state),
+                 lambda: f"unit {self.number} as {role} {state or ''}: {self.show()}\n{self.story()}", PATIENCE_S, 0.2)
+
+    def story(self):
+        """What daemon and engine have logged, for the message of a failure."""
+        logged = self.daemon.log() if self.daemon else ""
+        return (f"---- unit {self.number}: sflowd\n{logged[-5000:]}\n"
+                f"---- unit {self.number}: corosync\n{self.node.log()[-3000:]}")
 
     def cli(self, *commands, **options):
         return self.sandbox.cli(*commands, **options)

@@ -42,8 +42,9 @@ private:
 
     void act()
     {
-        constexpr Act acts[] = {&Chaos::kill_or_start, &Chaos::stop_or_resume, &Chaos::split_or_merge,
-                                &Chaos::engine,        &Chaos::force,          &Chaos::third_vote_moves};
+        constexpr Act acts[] = {&Chaos::kill_or_start,  &Chaos::stop_or_resume, &Chaos::split_or_merge,
+                                &Chaos::engine,         &Chaos::force,          &Chaos::third_vote_moves,
+                                &Chaos::latency_changes};
         (this->*acts[pick(static_cast<int>(std::size(acts)))])();
     }
     void kill_or_start()
@@ -65,8 +66,9 @@ private:
     void split_or_merge()
     {
         if (split_) {
-            // Two masters may meet: one yields within a second. One that does not run is none when its lease ends.
-            world_.two_masters_allowed = milliseconds(1100);
+            // Two masters may meet: one yields as soon as both have been heard. One that does not run is none when its
+            // lease ends, and that may have begun after the merge by what a frame takes.
+            world_.two_masters_allowed = milliseconds(1200);
             world_.merge();
         } else {
             world_.split();
@@ -88,6 +90,7 @@ private:
         for (const std::uint32_t node : world_.masters())
             static_cast<void>(world_.unit(node).pair->force_switchover());
     }
+    void latency_changes() { world_.unit(any_node()).latency = World::step * pick(8); }
     void third_vote_moves() { world_.third_vote = split_ ? world_.third_vote : pick(2); }
 
     void count()

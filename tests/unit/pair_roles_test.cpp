@@ -418,6 +418,44 @@ TEST_F(Pair_split, the_longer_in_office_stays_whatever_its_number)
     EXPECT_THAT(world.masters(), ElementsAre(2));
 }
 
+TEST_F(Pair_split, the_one_that_stays_goes_on_whoever_is_heard_first)
+{
+    for (const std::uint32_t late : {1U, 2U}) {
+        world.unit(late).latency = milliseconds(50);
+        world.split();
+        world.run(milliseconds(2000));
+        ASSERT_THAT(world.masters(), ElementsAre(1, 2));
+        one.take_events();
+        world.two_masters_allowed = milliseconds(1000);
+        world.merge();
+        world.run(milliseconds(1000));
+        EXPECT_THAT(world.masters(), ElementsAre(1)) << "it has been master for longer";
+        EXPECT_EQ(two.pair->role(), RDND_ROLE_SLAVE);
+        EXPECT_EQ(one.take_events().find('S'), std::string::npos) << "its clients stop nothing";
+        world.unit(late).latency = {};
+    }
+}
+
+TEST_F(Pair_split, masters_of_nearly_the_same_age_agree_on_one)
+{
+    world.set_quorum_rule(nobody_has_quorum);
+    world.run(milliseconds(100));
+    ASSERT_TRUE(world.masters().empty());
+    two.latency = milliseconds(70);
+    world.split();
+    world.set_quorum_rule(every_part_has_quorum);
+    world.run(milliseconds(3000));
+    ASSERT_THAT(world.masters(), ElementsAre(1, 2)) << "within a few heartbeats of each other";
+    one.take_events();
+    two.take_events();
+    world.two_masters_allowed = milliseconds(1000);
+    world.merge();
+    world.run(milliseconds(2000));
+    ASSERT_EQ(world.masters().size(), 1U);
+    Unit &stays = world.unit(world.masters().front());
+    EXPECT_FALSE(stays.logged("stopped being the active one: node"));
+}
+
 TEST_F(Pair_split, both_keep_the_higher_counters)
 {
     one.count(1, 100);

@@ -252,6 +252,7 @@ void World::kill(std::uint32_t node)
     u.pair.reset();
     u.posted_.clear();
     u.inbox_.clear();
+    u.under_way_.clear();
     u.known_.clear();
     u.cache.clear();
     u.events_.clear();
@@ -273,6 +274,7 @@ void World::kill_engine(std::uint32_t node)
     Unit &u = unit(node);
     u.engine = false;
     u.inbox_.clear();
+    u.under_way_.clear();
     u.known_.clear();
     if (u.pair)
         u.pair->disconnected("corosync has ended");
@@ -327,8 +329,8 @@ void World::inject(MemberId from, const Bytes &bytes, int part)
             unit->inbox_.push_back(Unit::Delivery{from, bytes});
 }
 
-/// One frame of each unit goes into everybody's inbox; true when there was one.
-bool World::pump()
+/// The group takes one frame of each unit; true when there was one.
+bool World::send_frames()
 {
     bool moved = false;
     for (const auto &unit : units_) {
@@ -342,8 +344,22 @@ bool World::pump()
             continue;
         }
         unit->pair->sent(frame);
-        inject(unit->id, *frame, unit->part);
+        unit->under_way_.push_back({now_ + unit->latency, *frame});
         moved = true;
+    }
+    return moved;
+}
+
+/// What is due goes into the inboxes of the sender's part; true when there was something.
+bool World::deliver_frames()
+{
+    bool moved = false;
+    for (const auto &unit : units_) {
+        while (!unit->under_way_.empty() && unit->under_way_.front().due <= now_) {
+            inject(unit->id, unit->under_way_.front().bytes, unit->part);
+            unit->under_way_.pop_front();
+            moved = true;
+        }
     }
     return moved;
 }
@@ -361,7 +377,8 @@ void World::run(milliseconds time)
         }
         bool moved = true;
         while (moved) {
-            moved = pump();
+            const bool sent = send_frames();
+            moved = deliver_frames() || sent;
             for (const auto &unit : units_) {
                 if (!unit->running())
                     continue;

@@ -64,6 +64,7 @@ public:
     bool stopped = false;     ///< does not run; what arrives waits
     bool engine = true;       ///< its cluster engine runs
     bool blocked = false;     ///< the group takes no frame of it
+    milliseconds latency{0};  ///< between a frame's sending and its delivery to everybody, itself included
     int part = 0;
     std::vector<std::string> logs;
     int results[3] = {0, 0, 0}; ///< enqueue's: OK, STOP, FAILED
@@ -83,12 +84,17 @@ private:
         MemberId from;
         Bytes bytes;
     };
+    struct Sent {
+        platform::PairTime due;
+        Bytes bytes;
+    };
     void run_client();
     void handle(const Posted &posted);
     void receive();
     void note_result(int result);
 
     std::deque<Posted> posted_;
+    std::deque<Sent> under_way_; ///< taken by the group; belongs to the part the unit is in when it is due
     std::deque<std::variant<GroupView, Quorum, Delivery>> inbox_;
     std::set<MemberId> known_;
     std::string events_;
@@ -155,7 +161,8 @@ private:
     void tell_quorum(int part);
     [[nodiscard]] std::set<MemberId> members_of(int part) const;
     [[nodiscard]] std::set<std::uint32_t> nodes_of(int part) const;
-    bool pump();
+    bool send_frames();
+    bool deliver_frames();
 
     platform::PairTime now_{std::chrono::hours(1)};
     std::vector<std::unique_ptr<Unit>> units_;
