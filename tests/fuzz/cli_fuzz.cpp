@@ -3,8 +3,10 @@
 // and help must agree with the matcher about what can follow.
 #include "must.h"
 
+#include "acl_service/acl_service.h"
 #include "cli_platform_double.h"
 #include "cli_sample.h"
+#include "cli_temporary_directory.h"
 #include "config_file.h"
 #include "core.h"
 #include "interpreter.h"
@@ -22,13 +24,25 @@ struct World {
     World() : master(kx_thread_master_create())
     {
         setenv("SFLOW_CONFIG_DIR", "/dev/null", 1); // `write memory` fails
+        setenv("TMPDIR", directory.path().c_str(), 1);
         platform_double::reset();
         core.serve("fand", master);
         core.set_settle_time({});
         cli::add_own_commands(core);
         for (const sample::Tree &tree : sample::trees())
             MUST(core.add(tree.attach, tree.root, tree.name));
+        const acl_reg_t nobody{};
+        MUST(acl_agent_init("fand_acl", master, &nobody) == ACL_OK);
         core.set_ready();
+    }
+
+    /// Access lists are what inputs leave behind.
+    void forget()
+    {
+        settle();
+        for (const auto &entry : platform::acl_service().all())
+            MUST(platform::acl_service().remove(entry.list.id()).empty());
+        settle();
     }
 
     /// Runs what threads have left for this one.
@@ -47,8 +61,9 @@ struct World {
             kx_thread_call(&task);
     }
 
+    TemporaryDirectory directory; ///< where access lists are published
     kx_thread_master_t *master;
-    cli::Core core;
+    cli::Core &core = cli::Core::instance();
 };
 
 World &world()
@@ -61,7 +76,11 @@ constexpr cli::Place places[] = {{cli::Mode::exec, cli::Level::user, 0},
                                  {cli::Mode::exec, cli::Level::privileged, 0},
                                  {cli::Mode::config, cli::Level::privileged, 0},
                                  {cli::Mode::interface, cli::Level::privileged, 2},
-                                 {cli::Mode::ifrange, cli::Level::privileged, 0x20001}};
+                                 {cli::Mode::ifrange, cli::Level::privileged, 0x20001},
+                                 {cli::Mode::acl_standard, cli::Level::privileged, 1},
+                                 {cli::Mode::acl_extended, cli::Level::privileged, 100},
+                                 {cli::Mode::acl_ipv6, cli::Level::privileged, 3000},
+                                 {cli::Mode::acl_mac, cli::Level::privileged, 3001}};
 
 void fuzz_line(std::string_view line, const cli::Place &place)
 {
@@ -152,6 +171,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string_view text(reinterpret_cast<const char *>(data) + 2, size - 2);
     const std::size_t piece = 1 + data[1];
     sample::calls = {};
+    world().forget();
     switch (data[0] % 5) {
     case 0:
         fuzz_line(text.substr(0, cli::LINE_LIMIT), places[data[1] % std::size(places)]);
