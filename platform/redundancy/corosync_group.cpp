@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <corosync/cpg.h>
 #include <corosync/quorum.h>
+#include <corosync/votequorum.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -51,6 +52,8 @@ struct CorosyncGroup::Connection {
     explicit Connection(Listener &l) : listener(l) {}
     ~Connection()
     {
+        if (has_votes)
+            votequorum_finalize(votes);
         if (has_quorum)
             quorum_finalize(quorum);
         if (has_cpg)
@@ -62,13 +65,16 @@ struct CorosyncGroup::Connection {
     [[nodiscard]] std::string open(const std::string &group);
     [[nodiscard]] std::string open_cpg();
     [[nodiscard]] std::string open_quorum();
+    [[nodiscard]] std::string open_votes();
 
     Listener &listener;
     Listener *listener_address = nullptr; ///< what libquorum's context points to
     cpg_handle_t cpg = 0;
     quorum_handle_t quorum = 0;
+    votequorum_handle_t votes = 0;
     bool has_cpg = false;
     bool has_quorum = false;
+    bool has_votes = false;
     MemberId self;
     std::array<int, 2> fds{-1, -1};
 };
@@ -161,11 +167,22 @@ std::string CorosyncGroup::Connection::open_quorum()
     return {};
 }
 
+std::string CorosyncGroup::Connection::open_votes()
+{
+    votequorum_callbacks_t none{};
+    if (const cs_error_t error = votequorum_initialize(&votes, &none); error != CS_OK)
+        return explain("votequorum_initialize", error);
+    has_votes = true;
+    return {};
+}
+
 std::string CorosyncGroup::Connection::open(const std::string &group)
 {
     if (std::string error = open_cpg(); !error.empty())
         return error;
     if (std::string error = open_quorum(); !error.empty())
+        return error;
+    if (std::string error = open_votes(); !error.empty())
         return error;
     cpg_name name{};
     name.length = static_cast<std::uint32_t>(std::min(group.size(), sizeof(name.value)));
@@ -229,8 +246,10 @@ CorosyncGroup::Sent CorosyncGroup::send(std::span<const std::byte> bytes)
 
 bool CorosyncGroup::ping()
 {
-    int quorate = 0;
-    const cs_error_t error = quorum_getquorate(connection_->quorum, &quorate);
+    // The one service that also answers while the nodes of a new membership are coming to terms, which a third vote can
+    // make last for seconds.
+    votequorum_info info{};
+    const cs_error_t error = votequorum_getinfo(connection_->votes, connection_->self.node, &info);
     return error == CS_OK || error == CS_ERR_TRY_AGAIN;
 }
 

@@ -164,7 +164,8 @@ class Course:
             self.gaps[fault.name].append(first - last)
             fault.repair(self.pair, master)
             new, _ = self.settle()
-        assert new is standby, f"{fault.name}: unit {new.number} is master after the repair"
+        assert new is standby, "\n".join([f"{fault.name}: unit {new.number} is master after the repair",
+                                          *(unit.story() for unit in self.pair.units)])
         if fault is CUT:    # the one fault that leaves the old master running on its own
             assert not self.watch.datagrams_of(master.number, first), "both exported"
         self._check_cache(fault.name, standby, acknowledged)
