@@ -1,9 +1,10 @@
 // sflow-samplingd: the sampling service of the sFlow agent.
 //
 // One process, one thread, one event loop. Everything is owned by run(); what it throws is one line on standard error
-// and status 1. SIGTERM and SIGINT end it with status 0 after every hook has been removed.
+// and status 1. SIGTERM, SIGINT and SIGHUP end it with status 0 after every hook has been removed.
 #include "bpf_backend.h"
 #include "event_loop.h"
+#include "hook_claim.h"
 #include "kernel_counters.h"
 #include "links.h"
 #include "log.h"
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <system_error>
@@ -24,7 +26,11 @@ namespace
 
 using namespace sampling;
 
-/// Turns SIGTERM and SIGINT into the end of the event loop.
+// Of another service that samples in this namespace: that long it may take to end when it has just been killed.
+constexpr std::chrono::seconds claim_patience{3};
+
+/// Turns SIGTERM and SIGINT into the end of the event loop, and SIGHUP, with which a terminal takes its programs along,
+/// unless whoever started the service has it ignored (nohup).
 class StopSignals
 {
 public:
@@ -34,6 +40,10 @@ public:
         sigemptyset(&signals);
         sigaddset(&signals, SIGTERM);
         sigaddset(&signals, SIGINT);
+        // a signal that is ignored would still arrive once it is blocked
+        if (struct sigaction hangup = {};
+            sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
+            sigaddset(&signals, SIGHUP);
         sigprocmask(SIG_BLOCK, &signals, nullptr);
         fd_.reset(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
         if (!fd_)
@@ -60,10 +70,23 @@ std::unique_ptr<Backend> make_backend(const Options &options, EventLoop &loop, L
     return std::make_unique<BpfBackend>(loop, log, links, sink, options.bpf);
 }
 
+/// Only the backend that attaches hooks takes those of an earlier run away.
+std::optional<HookClaim> claim_hooks(const Options &options, Log &log)
+{
+    if (options.backend != BackendKind::ebpf)
+        return std::nullopt;
+    std::optional<HookClaim> claim(std::in_place, HookClaim::service_name, claim_patience);
+    if (!claim->held())
+        log.warning("tc hooks: claim: the name is taken by another user, a second sflow-samplingd would "
+                    "not be noticed");
+    return claim;
+}
+
 void run(const Options &options, Log &log)
 {
     EventLoop loop;
     const StopSignals signals(loop, log);
+    const std::optional<HookClaim> claim = claim_hooks(options, log);
     LinkTable links(loop, log);
     KernelCounters counters(log);
     Service service(loop, log, links, counters, options.counters, options.socket_path, options.acl_directory,

@@ -28,7 +28,7 @@ class Failure(Exception):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="scripts/run", add_help=False)
-    parser.add_argument("--bin", type=pathlib.Path, required=True)
+    parser.add_argument("--bin", type=pathlib.Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("--packets", type=int, default=4_000_000)
     parser.add_argument("--pair", action="store_true")
     parser.add_argument("--interface")

@@ -531,6 +531,51 @@ def test_hooks_of_a_killed_instance_are_removed_at_the_next_start(stand):
     assert stand.daemon.settled() == 0
 
 
+def test_a_second_instance_leaves_the_hooks_of_the_first_alone(stand):
+    stand.start()
+    for direction in (INGRESS, EGRESS):
+        assert stand.daemon.set_rate(stand.index, 1, direction).ret == 0
+    second = stand.near.run(BIN / "sflow-samplingd", "--socket", stand.sandbox.domain_socket, check=False)
+    assert second.returncode == 1
+    assert second.stderr == (f"tc hooks: another sflow-samplingd (process {stand.service.popen.pid}) samples in this "
+                             "network namespace\n")
+    assert stand.hooks() == [1, 1]
+    stand.generate(10)
+    assert stand.daemon.settled(10) == 10
+
+
+def test_instances_in_other_namespaces_do_not_get_into_each_others_way(stand, make_sandbox):
+    stand.start()
+    other = make_sandbox(stand.far)
+    daemon = Daemon(other.domain_socket)
+    try:
+        other.start("sflow-samplingd")
+        daemon.accept()
+        assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
+        assert daemon.set_rate(stand.far.ifindex("eth0"), 1, EGRESS).ret == 0
+    finally:
+        daemon.close()
+
+
+@pytest.mark.parametrize("how", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+def test_a_signal_to_end_removes_all_hooks(stand, how):
+    stand.sandbox.wrapper = ["env", "--default-signal=HUP"]     # who runs the tests may have it ignored
+    stand.start()
+    for direction in (INGRESS, EGRESS):
+        assert stand.daemon.set_rate(stand.index, 1, direction).ret == 0
+    assert stand.service.stop(how) == 0
+    assert stand.hooks() == [0, 0]
+
+
+def test_a_hangup_that_is_ignored_from_the_start_ends_nothing(stand):
+    stand.sandbox.wrapper = ["nohup"]
+    stand.start()
+    assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
+    stand.service.popen.send_signal(signal.SIGHUP)
+    assert stand.daemon.set_rate(stand.index, 2, INGRESS).ret == 0      # answered behind the signal
+    assert stand.service.running() and stand.hooks() == [1, 0]
+
+
 def test_when_the_daemon_goes_sampling_stops_and_when_it_returns_all_is_new(stand):
     stand.start()
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0

@@ -1,7 +1,7 @@
 # Unit tests of the sampling service. The test of the BPF programs skips itself without privileges.
 foreach(topic IN ITEMS
         records probability sampler_table outbox connection service counters memory state keeper continuity kernel
-        replay options loop bpf acl_directory acl_matcher restart_pairs)
+        replay options loop hook_claim bpf acl_directory acl_matcher restart_pairs)
     sflow_unit_test(sampling_${topic}_test SOURCES sampling_${topic}_test.cpp LIBS sampling_core)
 endforeach()
 
