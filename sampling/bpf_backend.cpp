@@ -92,6 +92,7 @@ void BpfBackend::RingDeleter::operator()(ring_buffer *ring) const
 BpfBackend::BpfBackend(EventLoop &loop, Log &log, LinkTable &links, SampleSink &sink,
                        const BpfOptions &options)
     : loop_(loop), log_(log), links_(links), sink_(sink), libbpf_log_(log), tc_(log),
+      watch_(loop, log, [this](IFINDEX ifindex, bool gone) { restore_hooks(ifindex, gone); }),
       cpus_(static_cast<unsigned>(std::max(1, libbpf_num_possible_cpus())))
 {
     load(options);
@@ -232,10 +233,12 @@ Answer BpfBackend::start(SamplerKey key, SamplerSettings settings)
 Answer BpfBackend::change(SamplerKey key, Sampler &sampler, SamplerSettings settings)
 {
     const SamplerSettings before = std::exchange(sampler.settings, settings);
-    if (write_config(key, sampler, true))
+    // a hook that was taken away and could not be put back is tried again with each setting
+    const Answer answer = sampler.hooked ? Answer::ok : attach(key, sampler);
+    if (answer == Answer::ok && write_config(key, sampler, true))
         return Answer::ok;
     sampler.settings = before;
-    return Answer::hook_refused;
+    return answer == Answer::ok ? Answer::hook_refused : answer;
 }
 
 Answer BpfBackend::create(SamplerKey key, SamplerSettings settings)
@@ -311,6 +314,37 @@ void BpfBackend::forget_interface(IFINDEX ifindex)
         release(sampler);
     }
     tc_.forget(ifindex);
+}
+
+void BpfBackend::restore_hooks(IFINDEX ifindex, bool qdisc_gone)
+{
+    for (auto &[key, sampler] : samplers_) {
+        if ((ifindex == 0 || key.ifindex == ifindex) && key.hook != Hook::snoop)
+            restore_hook(key, *sampler, qdisc_gone);
+    }
+}
+
+void BpfBackend::restore_hook(SamplerKey key, Sampler &sampler, bool qdisc_gone)
+{
+    if (links_.find(key.ifindex) == nullptr)
+        return; // the interface has gone with all its hooks
+    if (tc_.has_hook(key)) {
+        sampler.hooked = true;
+        return;
+    }
+    if (qdisc_gone)
+        tc_.forget(key.ifindex);
+    // what is told once about a hook that cannot be put back is not told again with every notice
+    const bool was_hooked = std::exchange(sampler.hooked, false);
+    if (const int error = tc_.attach(key, program_fd(key.hook)); error == 0) {
+        sampler.hooked = true;
+        log_.warning("interface ", links_.name_of(key.ifindex), ": ", hook_name(key.hook),
+                     " hook: somebody else removed it, it is back");
+    } else if (was_hooked && error != -ENODEV) {
+        log_.error("interface ", links_.name_of(key.ifindex), ": ", hook_name(key.hook),
+                   " hook: somebody else removed it and it cannot be put back: ", tc_.last_reason(),
+                   ", not sampled until that has changed");
+    }
 }
 
 bool BpfBackend::take_event(const sflow_sample_event &event)

@@ -9,6 +9,7 @@
 #include "backend.h"
 #include "bpf_acl_tables.h"
 #include "event_loop.h"
+#include "hook_watch.h"
 #include "links.h"
 #include "log.h"
 #include "tc_hook.h"
@@ -83,6 +84,9 @@ private:
     [[nodiscard]] Answer create(SamplerKey key, SamplerSettings settings);
     [[nodiscard]] Answer change(SamplerKey key, Sampler &sampler, SamplerSettings settings);
     [[nodiscard]] bool write_config(SamplerKey key, const Sampler &sampler, bool on);
+    /// Puts back the hooks on an interface (0: on all) that somebody else has taken away.
+    void restore_hooks(IFINDEX ifindex, bool qdisc_gone);
+    void restore_hook(SamplerKey key, Sampler &sampler, bool qdisc_gone);
     void release(std::map<SamplerKey, std::unique_ptr<Sampler>>::iterator sampler);
     enum class Pass { nothing, all, part };
     [[nodiscard]] Pass read_ring();
@@ -97,6 +101,7 @@ private:
     SampleSink &sink_;
     LibbpfLog libbpf_log_;
     TcControl tc_;
+    HookWatch watch_;
     unsigned cpus_;
     std::unique_ptr<sflow_tc_bpf, SkeletonDeleter> skeleton_;
     std::unique_ptr<CounterMap> counters_;

@@ -2,6 +2,7 @@
 
 #include "bpf_shared.h"
 
+#include <algorithm>
 #include <array>
 #include <bpf/libbpf.h>
 #include <cerrno>
@@ -229,6 +230,14 @@ TcControl::Occupant TcControl::occupant(SamplerKey key)
             return filter.ours ? Occupant::ours : Occupant::foreign;
     }
     return Occupant::none;
+}
+
+bool TcControl::has_hook(SamplerKey key)
+{
+    const auto filters = list_filters(socket_.get(), key.ifindex, key.hook);
+    return !filters || std::any_of(filters->begin(), filters->end(), [](const Filter &filter) {
+        return filter.priority == tc_priority && filter.handle == tc_handle && filter.ours;
+    });
 }
 
 std::string TcControl::qdisc_kind(IFINDEX ifindex)

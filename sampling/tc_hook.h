@@ -34,7 +34,9 @@ public:
     /// Takes our filter off the hook, and the qdisc when attach() made it and it is empty now. A hook or an interface
     /// that is no longer there counts as success.
     void detach(SamplerKey key);
-    /// The interface has gone: forgets what was made on it.
+    /// Whether our filter is on the hook; true also when the kernel does not tell.
+    [[nodiscard]] bool has_hook(SamplerKey key);
+    /// The interface, or its clsact, has gone: forgets what was made on it.
     void forget(IFINDEX ifindex);
 
     /// Removes the filters that an earlier instance left on any interface; returns how many.

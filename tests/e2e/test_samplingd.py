@@ -1,6 +1,9 @@
 """sflow-samplingd against a scripted daemon: real packets on a veth link, counted one by one."""
+import contextlib
 import json
 import math
+import os
+import pathlib
 import select
 import signal
 import socket
@@ -116,6 +119,18 @@ class Stand:
 
     def qdisc(self):
         return self.near.run("tc", "qdisc", "show", "dev", "port1").stdout
+
+    @contextlib.contextmanager
+    def service_stopped(self):
+        """The service stands still: what is done meanwhile is one step to it."""
+        pid = self.service.popen.pid
+        os.kill(pid, signal.SIGSTOP)
+        try:
+            wait_for(lambda: pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] == "T",
+                     "the service to stand still")
+            yield
+        finally:
+            os.kill(pid, signal.SIGCONT)
 
     def totals(self):
         """Totals of each sampler, from the service's own account."""
@@ -514,6 +529,63 @@ def test_a_filter_that_drops_everything_hides_nothing_from_the_sampler(stand):
     assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
     stand.generate(50)
     assert stand.daemon.settled(50) == 50
+
+
+@pytest.mark.parametrize("taking", [("qdisc", "del", "dev", "port1", "clsact"), ("filter", "del", "dev", "port1", "ingress")])
+def test_a_hook_that_somebody_else_removes_is_put_back(stand, taking):
+    stand.start()
+    for direction in (INGRESS, EGRESS):
+        assert stand.daemon.set_rate(stand.index, 1, direction).ret == 0
+    stand.near.run("tc", *taking)
+    wait_for(lambda: stand.hooks() == [1, 1], lambda: f"the hooks {stand.hooks()}\n{stand.service.log()}")
+    for direction in (INGRESS, EGRESS):
+        stand.daemon.clear()
+        stand.generate(10, direction)
+        assert stand.daemon.settled(10) == 10
+    assert stand.service.log().count("ingress hook: somebody else removed it, it is back") == 1
+    assert stand.service.stop(signal.SIGTERM) == 0
+    assert stand.hooks() == [0, 0]
+
+
+def test_a_hook_whose_place_is_taken_comes_back_when_the_place_is_free(stand):
+    stand.start()
+    assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
+    with stand.service_stopped():
+        stand.near.run("tc", "qdisc", "del", "dev", "port1", "clsact")
+        stand.near.run("tc", "qdisc", "add", "dev", "port1", "ingress")
+    refusal = "ingress hook: somebody else removed it and it cannot be put back: the interface has a qdisc of kind"
+    wait_for(lambda: refusal in stand.service.log(), stand.service.log)
+    assert "qdisc ingress" in stand.qdisc()
+    stand.near.run("tc", "qdisc", "del", "dev", "port1", "ingress")
+    wait_for(lambda: stand.hooks() == [1, 0], lambda: f"the hook\n{stand.service.log()}")
+    assert stand.service.log().count(refusal) == 1
+    stand.generate(10)
+    assert stand.daemon.settled(10) == 10
+
+
+def test_a_qdisc_that_somebody_else_puts_in_the_place_of_ours_stays(stand):
+    stand.start()
+    assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
+    with stand.service_stopped():
+        stand.near.run("tc", "qdisc", "del", "dev", "port1", "clsact")
+        stand.near.run("tc", "qdisc", "add", "dev", "port1", "clsact")
+    wait_for(lambda: stand.hooks() == [1, 0], lambda: f"the hook\n{stand.service.log()}")
+    assert stand.service.stop(signal.SIGTERM) == 0
+    assert stand.hooks() == [0, 0] and "clsact" in stand.qdisc()
+
+
+def test_a_new_setting_puts_a_hook_back_as_well(stand):
+    stand.start()
+    assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
+    with stand.service_stopped():
+        stand.near.run("tc", "filter", "del", "dev", "port1", "ingress")
+        stand.near.run(*FOREIGN_FILTER, "ingress", "prio", "1", "handle", "0x5f10", *PASS_ALL)
+    wait_for(lambda: "a foreign filter has priority 1 and our handle, not sampled until" in stand.service.log(),
+             stand.service.log)
+    assert stand.daemon.set_rate(stand.index, 2, INGRESS).ret == -22
+    stand.near.run("tc", "filter", "del", "dev", "port1", "ingress")
+    assert stand.daemon.set_rate(stand.index, 1, INGRESS).ret == 0
+    assert stand.hooks() == [1, 0]
 
 
 def test_hooks_of_a_killed_instance_are_removed_at_the_next_start(stand):
