@@ -22,8 +22,10 @@ constexpr char USAGE[] =
     "                    $TMPDIR/sflow: app_debug, sflow_lock, tmp_file, domain_socket\n"
     "  SFLOW_CONFIG_DIR  directory of platform.toml and startup-config (default /etc/sflow)\n"
     "\n"
-    "Exit status: 0 after an option; 255 when start-up fails, with the reason on standard error;\n"
-    "2 for an unknown argument. The daemon otherwise runs until it is killed.\n";
+    "Exit status: 0 after an option; 255 when start-up fails, and 0 when one of the platform's services\n"
+    "cannot be used, with the reason on standard error; 2 for an unknown argument. The daemon otherwise "
+    "runs\n"
+    "until it is killed.\n";
 
 constexpr int EXIT_USAGE = 2;
 

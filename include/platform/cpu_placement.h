@@ -12,5 +12,5 @@ struct cores_affinity_req_t {
 };
 
 /// Looks up the cores assigned to `process_name`. 0 with `cpus` filled in; -1, `cpus` unchanged, when the
-/// platform assigns none. Any thread.
+/// platform assigns none. Cores that the machine does not have are among them; the log warns of those. Any thread.
 int get_cores_affinity(cores_affinity_req_t *request);

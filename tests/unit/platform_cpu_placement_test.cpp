@@ -7,6 +7,8 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
+#include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -18,7 +20,11 @@ public:
     void SetUp() override
     {
         // 31 characters fill the record's name but for the NUL.
-        use_platform_config("[cpu.SFLOW]\ncores = [1, 3, 1]\n"
+        use_platform_config("[syslog]\ntarget = \"stderr\"\n"
+                            "[cpu.FIRST]\ncores = [0]\n"
+                            "[cpu.LAST]\ncores = [1022, 1023]\n"
+                            "[cpu.BOTH]\ncores = [0, 1023]\n"
+                            "[cpu.SFLOW]\ncores = [1, 3, 1]\n"
                             "[cpu.abcdefghijklmnopqrstuvwxyz01234]\ncores = [5]\n");
     }
 };
@@ -66,4 +72,25 @@ TEST(get_cores_affinity, a_name_that_fills_the_record_is_read_within_its_bounds)
     EXPECT_EQ(0, get_cores_affinity(&request));
     std::memset(request.process_name, 'x', sizeof(request.process_name));
     EXPECT_EQ(-1, get_cores_affinity(&request));
+}
+
+TEST(get_cores_affinity, cores_that_the_machine_does_not_have_are_logged)
+{
+    if (::sysconf(_SC_NPROCESSORS_CONF) > 1022)
+        GTEST_SKIP() << "this machine has all the cores that can be named";
+    const std::pair<const char *, const char *> rows[] = {
+        {"FIRST", ""},
+        {"LAST",
+         "%PLATFORM-4-CPU: platform.toml assigns LAST cores that this machine does not have: 1022 1023; the "
+         "process runs on any core\n"},
+        {"BOTH",
+         "%PLATFORM-4-CPU: platform.toml assigns BOTH cores that this machine does not have: 1023; only the "
+         "others count\n"},
+    };
+    for (const auto &[name, line] : rows) {
+        cores_affinity_req_t request = request_of(name);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(0, get_cores_affinity(&request)) << name;
+        EXPECT_EQ(line, testing::internal::GetCapturedStderr()) << name;
+    }
 }
