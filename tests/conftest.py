@@ -1,7 +1,4 @@
 """Fixtures shared by the component and the end-to-end tests."""
-import os
-import time
-
 import pytest
 
 from harness import namespace as namespaces
@@ -14,16 +11,6 @@ def pytest_collection_modifyitems(items):
     if reason:
         for item in items:
             item.add_marker(pytest.mark.skip(reason=reason))
-
-
-#: Seconds after which no further test begins: a slow machine then tells what it has seen so far.
-STOP_AFTER = float(os.environ.get("SFLOW_TEST_STOP_AFTER", "inf"))
-STARTED = time.monotonic()
-
-
-def pytest_runtest_setup():
-    if time.monotonic() - STARTED > STOP_AFTER:
-        pytest.skip(f"the {STOP_AFTER:.0f} s that were given to the tests are over")
 
 
 @pytest.fixture(scope="session", autouse=True)

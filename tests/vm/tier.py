@@ -3,74 +3,117 @@ that a small kernel lacks, and writes their results as JUnit files.
 
     tier.py --bin FOLDER --results FOLDER [--all] [--kernel 6.12] [--filter EXPRESSION]
 
-By default the tests marked `devices` on Linux 6.1, for at most TIME seconds: what has not begun by then is skipped.
-With --all also the whole e2e tier, the long random sequences, and every kernel. The first boot is a probe: where no
-guest comes up, the tier is skipped with the reason. A guest that dies later is a failure; what is not done in time
-counts as skipped.
+By default the tests marked `devices` but not `long`, on Linux 6.1: what has not begun after TIME seconds is skipped.
+With --all also the long random sequences, the whole e2e tier, and every kernel. Where no guest comes up, the tier is
+skipped with the reason. A guest that dies later is a failure, and so is a test that does not end; a guest that stands
+still is no test's fault. What the tests found before counts in any case.
 """
 import argparse
+import collections
+import os
 import pathlib
 import shlex
+import subprocess
 import sys
 import tempfile
-import time
 from xml.sax.saxutils import escape, quoteattr
 
 import guest
 import kernels
+import progress
 
-#: Seconds: the tests of the default share, the same with --all, and the probe.
-TIME, TIME_ALL, TIME_PROBE = 270, 6000, 120
+#: Seconds since the guest was started: of the default share, and of each of the runs with --all.
+TIME, TIME_ALL = 240, 7200
 #: A test that has begun may end later than that, by this much at most.
-MARGIN = 600
-#: Seconds after which a test in the guest gives up: not before the guest does.
-PATIENCE = MARGIN
+MARGIN = 900
+#: Seconds of the guest's own after which a test in it gives up.
+PATIENCE = 300
+#: Random sequences of changes.
+SEQUENCES = 200
+#: Tests at a time: they wait as long as they work.
+WORKERS = 3
+PYTEST = ["/usr/bin/python3", "-m", "pytest", "-p", "no:cacheprovider"]
+FOLDERS = ["tests/component", "tests/e2e"]
 
 
-def note(results, kernel, outcome, text):
-    """A result of the tier itself: "skipped" or "failure"."""
-    print(f"vm: Linux {kernel}: {outcome}: {text}", flush=True)
-    first = text.splitlines()[0]
-    (results / f"guest-{kernel}.xml").write_text(
-        f'<testsuites><testsuite name="vm"><testcase classname="vm" name="guest-{kernel}">'
-        f"<{outcome} message={quoteattr(first)}>{escape(text)}</{outcome}></testcase></testsuite></testsuites>\n")
+def write_results(path, cases):
+    """`cases`: test → (outcome, text); the outcome is "passed", "skipped" or "failure"."""
+    lines = []
+    for name, (outcome, text) in cases.items():
+        inside = "" if outcome == "passed" else (
+            f"<{outcome} message={quoteattr((text.strip() or outcome).splitlines()[-1])}>"
+            f"{escape(text)}</{outcome}>")
+        lines.append(f'<testcase classname="vm-{path.stem}" name={quoteattr(name)}>{inside}</testcase>')
+    body = "".join(filter(lambda character: character.isprintable() or character in "\n\t", "\n".join(lines)))
+    path.write_text(f'<testsuites><testsuite name="vm-{path.stem}">\n{body}\n</testsuite></testsuites>\n')
 
 
-def command(arguments, kernel, seconds):
+def collect(arguments, marks, folders):
+    """The tests of a run, in the order in which pytest has them: the guest need not read the files of all others."""
+    words = [*PYTEST, "-q", "--collect-only", "-m", marks, *folders]
+    if arguments.filter:
+        words += ["-k", arguments.filter]
+    environment = {**os.environ, "SFLOW_BIN": str(arguments.bin.resolve()), "PYTHONDONTWRITEBYTECODE": "1"}
+    done = subprocess.run(words, capture_output=True, text=True, env=environment, check=False)
+    if done.returncode not in (0, 5):   # 5: the filter left nothing
+        sys.exit(f"vm: pytest does not collect: {(done.stdout + done.stderr).strip()[-500:]}")
+    return [line for line in done.stdout.splitlines() if "::" in line]
+
+
+def command(arguments, tests, serial):
     """The shell line that runs the tests in the guest."""
-    environment = {"SFLOW_BIN": arguments.bin.resolve(), "PYTHONDONTWRITEBYTECODE": 1, "SFLOW_TEST_PATIENCE": PATIENCE,
-                   "SFLOW_TEST_STOP_AFTER": seconds, "SFLOW_TEST_SEQUENCES": 200 if arguments.all else 12}
-    pytest = ["/usr/bin/python3", "-m", "pytest", "-v", "-ra", "-p", "no:cacheprovider",
-              "-o", "junit_family=xunit2", "-o", f"junit_suite_name=vm-{kernel}"]
-    runs = [[*pytest, "-m", "devices", "tests/component", "tests/e2e"]]
-    if arguments.all:
-        runs.append([*pytest, "-m", "not devices", "tests/e2e"])
-    lines = [f"export {name}={shlex.quote(str(value))}" for name, value in environment.items()]
-    for number, words in enumerate(runs):
-        selected = ["-k", arguments.filter] if arguments.filter else []
-        # Status 5: the filter left nothing. A failed test is in the file of results.
-        lines.append(f'{shlex.join([*words, *selected])} --junitxml="$EXCHANGE/tests-{number}.xml"; status=$?\n'
-                     "case $status in 0 | 1 | 5) ;; *) exit $status ;; esac")
+    environment = {"SFLOW_BIN": arguments.bin.resolve(), "PYTHONPATH": pathlib.Path(__file__).parent.resolve(),
+                   "SFLOW_TEST_PATIENCE": PATIENCE, "SFLOW_TEST_SEQUENCES": SEQUENCES}
+    workers = [] if serial else ["-n", min(WORKERS, len(tests))]
+    words = [*PYTEST, "-v", "-ra", "-p", "progress", *workers, *tests]
+    lines = ["uname -sr", *(f"export {name}={shlex.quote(str(value))}" for name, value in environment.items())]
+    # A failed test (1) has been told already.
+    lines.append(f"{shlex.join(map(str, words))}; status=$?; [ $status -eq 1 ] || exit $status")
     return "\n".join(lines)
 
 
-def run_kernel(arguments, kernel):
-    results = arguments.results
-    seconds = TIME_ALL if arguments.all else TIME
+def outcomes(tests, told, status, reason):
+    """What became of each test, and of the guest when it has to do with that."""
+    cases = {}
+    for test, (state, text) in {**dict.fromkeys(tests, (None, "")), **told}.items():
+        if state == progress.FAILED:
+            cases[test] = ("failure", text)
+        elif state == progress.SKIPPED:
+            cases[test] = ("skipped", text)
+        elif state == progress.ENDED:
+            cases[test] = ("passed", "")
+        elif state == progress.BEGUN and status == guest.LATE:
+            cases[test] = ("failure", f"did not end\n{reason}")
+        else:
+            cases[test] = ("skipped", "the guest was gone before this had ended" if state else "not begun")
+    if status in (guest.STILL, guest.LATE, guest.DOWN):
+        cases["guest"] = ("skipped", reason)
+    elif status != 0:
+        cases["guest"] = ("failure", reason or f"pytest ended with status {status}")
+    return cases
+
+
+def run_tests(arguments, kernel, name, tests, seconds, serial=False):
+    if not tests:
+        return
     with tempfile.TemporaryDirectory(prefix="vm-") as scratch:
-        started = time.monotonic()
-        status, reason = guest.run(kernel, "uname -r", scratch, TIME_PROBE)
-        if status != 0:
-            note(results, kernel, "skipped", f"no guest comes up here: {reason or f'status {status}'}")
-            return
-        print(f"vm: the guest is up after {time.monotonic() - started:.0f} s; the tests follow, it is slow", flush=True)
-        status, reason = guest.run(kernel, command(arguments, kernel, seconds), scratch, seconds + MARGIN)
-        for path in pathlib.Path(scratch).glob("tests-*.xml"):
-            (results / f"{kernel}-{path.name}").write_bytes(path.read_bytes())
-        # Emulation can stand still for minutes: that is nothing that the tests could have found.
-        if status != 0:
-            note(results, kernel, "skipped" if status == guest.LATE else "failure",
-                 reason or f"pytest ended with status {status}")
+        status, reason = guest.run(kernel, command(arguments, tests, serial), scratch,
+                                   guest.Limits(seconds, seconds + MARGIN))
+        cases = outcomes(tests, progress.read(scratch), status, reason)
+    write_results(arguments.results / f"{kernel}-{name}.xml", cases)
+    for test, (outcome, text) in cases.items():
+        if outcome == "failure":
+            print(f"vm: Linux {kernel}: {test}: {outcome}: {text}", flush=True)
+    counts = collections.Counter(outcome for outcome, _ in cases.values())
+    print(f"vm: Linux {kernel}, {name}: {counts['passed']} passed, {counts['failure']} failed, "
+          f"{counts['skipped']} skipped", flush=True)
+
+
+def run_kernel(arguments, kernel):
+    devices = collect(arguments, "devices" if arguments.all else "devices and not long", FOLDERS)
+    others = collect(arguments, "not devices", FOLDERS[1:]) if arguments.all else []
+    run_tests(arguments, kernel, "devices", devices, TIME_ALL if arguments.all else TIME)
+    run_tests(arguments, kernel, "e2e", others, TIME_ALL, serial=True)
 
 
 def main():
@@ -89,7 +132,8 @@ def main():
             guest.check()
             run_kernel(arguments, kernel)
         except (kernels.Unavailable, OSError) as error:
-            note(arguments.results, kernel, "skipped", str(error))
+            print(f"vm: Linux {kernel}: skipped: {error}", flush=True)
+            write_results(arguments.results / f"{kernel}-guest.xml", {"guest": ("skipped", str(error))})
     return 0
 
 
