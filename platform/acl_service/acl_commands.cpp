@@ -2,6 +2,9 @@
 
 #include "acl_service/acl_service.h"
 #include "acl_service/acl_slots.h"
+#include "cli_service/command.h"
+#include "cli_service/console.h"
+#include "cli_service/core.h"
 
 namespace platform
 {
@@ -38,6 +41,24 @@ bool is_ip(ListKind kind)
     return kind == ListKind::standard || kind == ListKind::extended;
 }
 
+/// Deletes a list that clients use, between what was set before and what is set next. A client that has asked for a
+/// setting by the list and has no answer yet would not find it among its own and keep it; one that has asked for its
+/// end still has it, and would take the next setting by a list of that name for one that it has already.
+void delete_used_list(cli_session_t &session, int id)
+{
+    session.hold();
+    session.core().when_settled([command = session.shared_from_this(), id] {
+        if (const std::string error = acl_service().remove(id); !error.empty()) {
+            command->write("% " + error + "\n");
+            command->fail();
+            command->release();
+            return;
+        }
+        command->core().mark_changed();
+        command->core().when_settled([command] { command->release(); });
+    });
+}
+
 void delete_list(struct_command_data_block *record)
 {
     const std::string name = typed_name(record);
@@ -48,7 +69,14 @@ void delete_list(struct_command_data_block *record)
     }
     const ListKind kind = present->list.kind();
     const bool meant = record->flag_1 == 0 ? is_ip(kind) : record->flag_1 == 1 + static_cast<int64_t>(kind);
-    refuse_if_failed(record, meant ? acl_service().remove(present->list.id()) : is_another(present->list));
+    cli_session_t &session = *record->session;
+    // who follows another unit's configuration waits by itself, and can be held up by no command
+    const bool waits = session.console() != nullptr && !session.console()->internal();
+    if (meant && waits && (present->references > 0 || acl_is_named(present->list.name())))
+        delete_used_list(session, present->list.id());
+    else
+        refuse_if_failed(record,
+                         meant ? acl_service().remove(present->list.id()) : is_another(present->list));
 }
 
 /// The list of the mode. It can be deleted while an operator is in it: then the mode is left.

@@ -8,6 +8,8 @@
 
 #include "platform/cli.h"
 
+#include <string>
+
 namespace platform
 {
 
@@ -31,6 +33,9 @@ void acl_no_sequence_cmd(struct_command_data_block *record);
 void acl_resequence_cmd(struct_command_data_block *record);
 /// show access-lists [NAME]: name in string_var[0].
 void acl_show_cmd(struct_command_data_block *record);
+
+/// Whether the running configuration names the list.
+[[nodiscard]] bool acl_is_named(const std::string &list);
 
 /// The entry that a line of a list of this family left in the record. A line that the trees let through is sound.
 [[nodiscard]] acl::Entry entry_of(const struct_command_data_block &record, acl::Family family);

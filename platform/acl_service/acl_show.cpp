@@ -5,6 +5,8 @@
 #include "cli_service/core.h"
 #include "cli_service/words.h"
 
+#include <algorithm>
+
 namespace platform
 {
 
@@ -63,6 +65,12 @@ void show(const AclService::Snapshot &entry, const std::vector<Use> &uses, const
 }
 
 } // namespace
+
+bool acl_is_named(const std::string &list)
+{
+    const std::vector<Use> uses = uses_of_lists();
+    return std::any_of(uses.begin(), uses.end(), [&list](const Use &use) { return use.list == list; });
+}
 
 void acl_show_cmd(struct_command_data_block *record)
 {

@@ -49,6 +49,7 @@ public:
 
     /// What is run here is no operator's: it configures a standby too.
     void set_internal() { internal_ = true; }
+    [[nodiscard]] bool internal() const { return internal_; }
 
     // For the service's own commands.
 

@@ -236,6 +236,81 @@ TEST_F(Acl_commands, no_deletes_the_list_and_tells_the_clients)
     EXPECT_EQ(config(), "");
 }
 
+/// The CLI service with a loop of its own: timers of this test must not be waited for by others.
+struct LoopOfItsOwn {
+    LoopOfItsOwn() : master(kx_thread_master_create())
+    {
+        cli::Core::instance().serve("acl", master);
+        cli::Core::instance().set_ready();
+    }
+    ~LoopOfItsOwn()
+    {
+        cli::Core::instance().set_settle_time({});
+        cli::Core::instance().serve("acl", process().master);
+        cli::Core::instance().set_ready();
+        kx_thread_master_finish(master);
+    }
+    LoopOfItsOwn(const LoopOfItsOwn &) = delete;
+    LoopOfItsOwn &operator=(const LoopOfItsOwn &) = delete;
+    kx_thread_master_t *master;
+};
+
+TEST_F(Acl_commands, deleting_a_list_in_use_waits_for_settings_before_it_and_holds_up_those_behind_it)
+{
+    using std::chrono::hours;
+    const LoopOfItsOwn loop;
+    auto &core = cli::Core::instance();
+    expect_ok({"ip access-list standard 5", "exit"});
+    acl_ref_args_t reference{};
+    reference.acl.acl_id = 5;
+    ASSERT_EQ(acl_ref(&reference), ACL_OK);
+    core.set_settle_time(hours(1));
+    core.when_settled([&core] { core.set_settle_time(hours(1)); }); // runs ahead of the deletion
+    bool done = false;
+    console_.run(
+        "no ip access-list 5", std::nullopt, [](std::string_view) {},
+        [&](Status status) {
+            done = true;
+            EXPECT_EQ(status, Status::ok);
+        });
+    EXPECT_TRUE(platform::acl_service().find("5")) << "a setting by it may still be confirmed";
+    EXPECT_FALSE(done);
+    core.set_settle_time({});
+    EXPECT_FALSE(platform::acl_service().find("5"));
+    EXPECT_FALSE(done) << "its end may still have to be confirmed";
+    core.set_settle_time({});
+    EXPECT_TRUE(done);
+}
+
+TEST_F(Acl_commands, a_list_that_somebody_else_deletes_meanwhile_is_a_failure)
+{
+    const LoopOfItsOwn loop;
+    auto &core = cli::Core::instance();
+    expect_ok({"ip access-list standard 5", "exit"});
+    acl_ref_args_t reference{};
+    reference.acl.acl_id = 5;
+    ASSERT_EQ(acl_ref(&reference), ACL_OK);
+    core.set_settle_time(std::chrono::hours(1));
+    std::string text;
+    Status status = Status::ok;
+    console_.run(
+        "no ip access-list 5", std::nullopt, [&](std::string_view piece) { text += piece; },
+        [&](Status ended) { status = ended; });
+    EXPECT_EQ(platform::acl_service().remove(5), "");
+    core.set_settle_time({});
+    EXPECT_EQ(status, Status::failed);
+    EXPECT_EQ(text, "% Access list with id 5 does not exist any more\n");
+}
+
+TEST_F(Acl_commands, a_list_that_nobody_uses_is_deleted_at_once)
+{
+    const LoopOfItsOwn loop;
+    expect_ok({"ip access-list extended web", "permit ip any any", "exit"});
+    cli::Core::instance().set_settle_time(std::chrono::hours(1));
+    expect_ok({"no ip access-list web"});
+    EXPECT_FALSE(platform::acl_service().find("web"));
+}
+
 TEST_F(Acl_commands, a_list_that_is_deleted_while_somebody_is_in_it_can_be_edited_no_more)
 {
     expect_ok({"ip access-list extended web", "10 permit ip any any"});
