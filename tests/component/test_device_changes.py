@@ -62,6 +62,13 @@ class DeviceChanges(Changes):
         found = [link for link in self.named(letters) if condition(link)]
         return self.random.choice(found) if found else None
 
+    def up_or_down(self):
+        """A subinterface does not come up while what it is on is down."""
+        if link := self.pick():
+            below = link["link"] if link["ifname"][0] == "s" else None
+            able = all("UP" in other["flags"] for other in self.model.links().values() if other["ifname"] == below)
+            self.ip("link", "set", link["ifname"], self.random.choice(["up", "up", "down"]) if able else "down")
+
     def bridge(self):
         """A subinterface that is bridged counts as removed: that is another test's."""
         if link := self.choose("w", lambda link: link.get("master") in (None, "br0")):
@@ -136,7 +143,7 @@ class DeviceChanges(Changes):
             self.model.ports[link["ifindex"]] = lines
 
     DEVICES = [*Changes.KERNEL[:1], (Changes.add_macvlan, 1), (Changes.remove, 3), (Changes.rename, 2),
-               (Changes.up_or_down, 3), (bridge, 1), (Changes.add_address, 5), (Changes.remove_address, 3),
+               (up_or_down, 3), (bridge, 1), (Changes.add_address, 5), (Changes.remove_address, 3),
                (add_aggregate, 2), (join_or_leave, 4), (add_subinterface, 3), (add_vrf, 3), (remove_vrf, 1),
                (rename_vrf, 1), (bind, 4)]
     OPERATOR = [(set_port, 5), (Changes.default_port, 1), (Changes.set_agent, 2), (Changes.set_source, 2),

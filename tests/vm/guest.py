@@ -33,17 +33,19 @@ CLOCK = ["-smp", "1", "-accel", "tcg,thread=single", "-icount", "shift=1,sleep=o
 #: How long a guest may take until it runs the command, and how many are started until one does.
 BOOT_SECONDS, BOOTS = 120, 2
 CONSOLE_LINES = 60
-#: Status of a command that was not done in time, of one whose guest did not do anything any more, of one whose guest
-#: never came up, and of one whose guest died.
-LATE, STILL, DOWN, DEAD = -1, -2, -3, -4
+#: Status of a command that did not end although it had the time, of one whose guest was too slow or stood still, of one
+#: whose guest never came up, and of one whose guest died.
+LATE, SLOW, DOWN, DEAD = -1, -2, -3, -4
 #: Seconds without a sign of life after which a guest stands still. It gives one every second, but its seconds are long.
 STILL_SECONDS = 300
 
 
 class Limits(typing.NamedTuple):
-    """Seconds since a guest was started: until its command is asked to end, and until it is given up."""
+    """Seconds until a command is asked to end and until its guest is given up, both since the guest was started, and
+    those by the guest's own clock within which a command must have ended that was asked to."""
     over: float
     given_up: float
+    own: float
 
 
 def check():
@@ -74,15 +76,19 @@ def _command_line(folder, initrd, console, exchange):
             *_share("root", "/", ",readonly=on"), *_share("exchange", exchange)]
 
 
-def _seconds_still(pulse):
-    """How long the guest has not given a sign of life."""
-    return time.time() - pulse.stat().st_mtime
+def _uptime(pulse):
+    """By the guest's own clock, as it said last; 0 when it has not yet."""
+    try:
+        return float(pulse.read_text())
+    except (FileNotFoundError, ValueError):
+        return 0.0  # just being written
 
 
-def _wait(guest, limits, exchange):
+def wait_for_end(guest, limits, exchange):
     """Waits for the guest to end: a status and the reason, should the command not have come to its own end."""
     started = time.monotonic()
     begun, pulse, over = (exchange / name for name in ("begun", "pulse", "over"))
+    uptime_over = 0
     while True:
         try:
             return DEAD, f"qemu ended with status {guest.wait(1)} before the command did"
@@ -94,10 +100,13 @@ def _wait(guest, limits, exchange):
             continue
         if passed > limits.over:
             over.touch()
-        if pulse.exists() and _seconds_still(pulse) > STILL_SECONDS:
-            return STILL, f"the guest has done nothing for {STILL_SECONDS} s"
+            uptime_over = uptime_over or _uptime(pulse)
+        if uptime_over and _uptime(pulse) > uptime_over + limits.own:
+            return LATE, f"the command did not end within {limits.own} s of the guest's own"
+        if pulse.exists() and time.time() - pulse.stat().st_mtime > STILL_SECONDS:
+            return SLOW, f"the guest has done nothing for {STILL_SECONDS} s"
         if passed > limits.given_up:
-            return LATE, f"the guest was not done after {limits.given_up} s"
+            return SLOW, f"the guest was not done after {limits.given_up} s"
 
 
 def _last_lines(console):
@@ -114,7 +123,7 @@ def end_in_order():
 def run(kernel, command, exchange, limits):
     """Runs `command` (shell lines) in the current folder of a guest; the folder `exchange` must exist.
 
-    Returns its status and None, or LATE, STILL, DOWN or DEAD and the reason. A guest that does not come up gets another
+    Returns its status and None, or LATE, SLOW, DOWN or DEAD and the reason. A guest that does not come up gets another
     chance: nothing has been run in it. Once `limits.over` has passed there is a file `over` in the exchange folder."""
     folder = kernels.prepared(kernel)
     exchange = pathlib.Path(exchange)
@@ -130,7 +139,7 @@ def run(kernel, command, exchange, limits):
             guest = subprocess.Popen(_command_line(folder, initrd, console, exchange), stdin=subprocess.DEVNULL,
                                      stderr=subprocess.STDOUT)
             try:
-                status, reason = _wait(guest, limits, exchange)
+                status, reason = wait_for_end(guest, limits, exchange)
             finally:
                 guest.kill()
                 guest.wait()
@@ -154,7 +163,7 @@ def main():
         check()
         with tempfile.TemporaryDirectory(prefix="vm-") as scratch:
             status, reason = run(arguments.kernel, shlex.join(arguments.command), arguments.exchange or scratch,
-                                 Limits(arguments.seconds, arguments.seconds))
+                                 Limits(arguments.seconds, arguments.seconds, arguments.seconds))
     except kernels.Unavailable as error:
         sys.exit(f"guest: {error}")
     if reason:
