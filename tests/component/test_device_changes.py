@@ -53,7 +53,8 @@ class DeviceChanges(Changes):
         self.model = DeviceModel(stage)
 
     def named(self, letters, links=None):
-        return [link for link in (links or self.model.links()).values() if link["ifname"][0] in letters]
+        return [link for link in (links or self.model.links()).values()
+                if link["ifname"][0] in letters and link["ifname"] != "br0"]    # the bridge stays
 
     def mine(self, links=None):
         return self.named("wmbs", links)
@@ -87,7 +88,7 @@ class DeviceChanges(Changes):
                    and link["master"] != "br0"]
         free = [link for link in self.named("w", links) if not link.get("master")
                 and not any(other.get("link") == link["ifname"] for other in self.mine(links))]
-        aggregates = [link for link in self.named("b", links) if link["ifname"] != "br0"]
+        aggregates = self.named("b", links)
         if members and self.random.random() < 0.4:
             self.ip("link", "set", self.random.choice(members)["ifname"], "nomaster")
         elif free and aggregates:
@@ -97,7 +98,7 @@ class DeviceChanges(Changes):
             self.model.ports.pop(link["ifindex"], None)
 
     def add_subinterface(self):
-        if lower := self.choose("wb", lambda link: link["ifname"] != "br0" and not link.get("master")):
+        if lower := self.choose("wb", lambda link: not link.get("master")):
             number = self.number()
             self.ip("link", "add", "link", lower["ifname"], "name", f"s{number}", "type", "vlan", "id", 1 + number % 4000)
 
@@ -119,7 +120,7 @@ class DeviceChanges(Changes):
     def bind(self):
         """Moves an interface into a VRF, to another one, or out of it."""
         vrf = self.choose("r")
-        link = self.choose("wbs", lambda link: link["ifname"] != "br0" and (link.get("master") or "r")[:1] == "r")
+        link = self.choose("wbs", lambda link: (link.get("master") or "r")[:1] == "r")
         if vrf and link:
             same = link.get("master") == vrf["ifname"]
             self.ip("link", "set", link["ifname"], *(["nomaster"] if same else ["master", vrf["ifname"]]))
