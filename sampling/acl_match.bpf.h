@@ -241,31 +241,31 @@ __noinline int sflow_acl_table_permits(const struct sflow_acl_table *table,
     return 0;
 }
 
-/* Whether one of the lists permits the packet. Slot 0 is nobody's: it stands for "no list". */
+/* Slot 0 is nobody's: it stands for "no list". */
+static __always_inline int sflow_acl_slot_permits(__u32 slot, const struct sflow_acl_packet *packet)
+{
+    const struct sflow_acl_table *table;
+    const __u32 zero = 0;
+    void *map;
+
+    if (!slot)
+        return 0;
+    map = bpf_map_lookup_elem(&acl_tables, &slot);
+    if (!map)
+        return 0;
+    table = bpf_map_lookup_elem(map, &zero);
+    return table && sflow_acl_table_permits(table, packet);
+}
+
+/* Whether one of the lists permits the packet. No loop over the slots: with an array on the stack, some kernels (6.1.0-50
+ * of Debian) lose track of what has been written there, and refuse the program. */
 static __noinline int sflow_acl_permits(struct __sk_buff *skb, __u32 first_slot, __u32 second_slot)
 {
     struct sflow_acl_packet packet = {};
-    __u32 slots[2] = {first_slot, second_slot};
-    const __u32 zero = 0;
-    int i;
 
     if (!sflow_acl_read_packet(skb, &packet))
         return 0;
-#pragma clang loop unroll(disable)
-    for (i = 0; i < 2; i++) {
-        const struct sflow_acl_table *table;
-        void *map;
-
-        if (!slots[i])
-            continue;
-        map = bpf_map_lookup_elem(&acl_tables, &slots[i]);
-        if (!map)
-            continue;
-        table = bpf_map_lookup_elem(map, &zero);
-        if (table && sflow_acl_table_permits(table, &packet))
-            return 1;
-    }
-    return 0;
+    return sflow_acl_slot_permits(first_slot, &packet) || sflow_acl_slot_permits(second_slot, &packet);
 }
 
 #endif
