@@ -98,6 +98,8 @@ class Stand:
 
     def start(self, *arguments):
         self.service = self.sandbox.start("sflow-samplingd", *arguments)
+        wait_for(lambda: self.daemon.is_asked_for() or not self.service.running(), "a connection")
+        assert self.service.running(), f"the service has ended: {self.service.log()}"
         self.daemon.accept()
         return self.daemon
 

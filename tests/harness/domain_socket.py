@@ -5,6 +5,7 @@ sflow-samplingd. Records are in host byte order; one packet holds one or more of
 """
 import collections
 import os
+import select
 import socket
 import struct
 import threading
@@ -251,6 +252,10 @@ class DaemonEnd(_End):
         self.listener.bind(path)
         self.listener.listen(0)
         self.header_len = 128
+
+    def is_asked_for(self):
+        """Whether a service waits to be accepted."""
+        return bool(select.select([self.listener], [], [], 0)[0])
 
     def accept(self, seconds=PATIENCE):
         """Waits for the service and for its capacity."""
