@@ -22,7 +22,6 @@ namespace
 
 using cli::Level;
 using cli::Status;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;

@@ -97,7 +97,7 @@ private:
     {
         for (const std::uint32_t node : world_.masters())
             world_.unit(node).count(static_cast<std::uint32_t>(pick(5)),
-                                    static_cast<std::uint64_t>(1 + pick(9)));
+                                    1 + static_cast<std::uint64_t>(pick(9)));
     }
 
     void check()
